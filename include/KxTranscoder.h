@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <list>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,79 +15,93 @@
 #include "KxMediainfo.h"
 #include "KxResource2.h"
 
-/// Everything that describes one video transcode. A plain value.
+namespace engines {
+class DiscMount;
+struct EngineCommand;
+struct EngineFacts;
+}  // namespace engines
+
+/// Everything that describes one video transcode. A plain value, owned by its creator.
+///
+/// Codec numbers are KxCodecId_e, container numbers KxFormatId_e.
 class TranscodeParam {
  public:
+  /// Sets the defaults: H.264 video with the source's size, nothing else asked for.
   TranscodeParam();
   ~TranscodeParam();
   TranscodeParam(const TranscodeParam&) = default;
   TranscodeParam& operator=(const TranscodeParam&) = default;
+  /// Writes the record to the log at level 5.
   void dump();
 
-  std::string m_inFile;
-  std::string m_outFile;
-  bool m_isPipeIn;
-  bool m_isPipeOut;
-  std::string m_pipeOutFile;
-  int32_t m_formatId;
-  int32_t m_totalDuration;  ///< seconds
-  int32_t m_seekTime;       ///< seconds
-  std::string m_seekTimeFile;
-  bool m_isFastStart;
-  std::string m_fastStartFile;
-  std::string m_profile;
-  bool m_estResource;
-  bool m_estTranscodeType;
-  bool m_myfile;
-  int32_t m_mode;
+  std::string m_inFile;         ///< a media file, a disc image, or a DVD or Blu-ray folder
+  std::string m_outFile;        ///< path of the result, or a bare name below the work area
+  bool m_isPipeIn;              ///< source comes from a pipe; refused
+  bool m_isPipeOut;             ///< the encoder writes a pipe that a copy thread reads
+  std::string m_pipeOutFile;    ///< receives the piped output; named when the engine starts
+  int32_t m_formatId;           ///< container of the result; 0 (unknown) is refused
+  int32_t m_totalDuration;      ///< seconds to encode; 0 the whole source
+  int32_t m_seekTime;           ///< start offset, seconds; negative is refused
+  std::string m_seekTimeFile;   ///< seek file for the hardware agent
+  bool m_isFastStart;           ///< MP4 index to the front; always set for MP4
+  std::string m_fastStartFile;  ///< scratch file of that step; named when the engine starts
+  std::string m_profile;        ///< name of a profile file; it completes the record in init()
+  bool m_estResource;           ///< carried over from the job
+  bool m_estTranscodeType;      ///< carried over from the job
+  bool m_myfile;                ///< carried over from the job
+  int32_t m_mode;               ///< job mode for the hardware agent
+  /// Extra arguments, which only the software encoder takes, as they stand.
   std::list<std::string> m_extraCmds;
-  std::string m_ip;
-  std::string m_usrname;
-  std::string m_tag;
-  int32_t m_vCodecId;
-  int32_t m_vid;
-  int32_t m_vProfile;
-  double m_vLevel;
-  int32_t m_vBitrate;    ///< bit/s
-  int32_t m_vFramerate;  ///< frames per second
-  bool m_vIgnore;
-  bool m_vCopy;
-  int32_t m_width;   ///< pixels, 0 keeps the source's
-  int32_t m_height;  ///< pixels, 0 keeps the source's
-  int32_t m_rotate;  ///< degrees clockwise, -1 unknown
-  bool m_noDAR;
-  int32_t m_aCodecId;
-  int32_t m_aid;
-  int32_t m_aChannel;
-  int32_t m_aSampleRate;  ///< Hz
-  int32_t m_aBitrate;     ///< bit/s
-  bool m_aIgnore;
-  bool m_aCopy;
-  int32_t m_sid;
-  std::string m_subtitle;
-  std::string m_subColor;
-  int32_t m_subSize;
-  int32_t m_subSeek;
-  std::string m_hlsTid;
-  std::string m_hlsPath;
+  std::string m_ip;       ///< requester's address
+  std::string m_usrname;  ///< requesting user
+  std::string m_tag;      ///< carried over from the job
+
+  int32_t m_vCodecId;    ///< video codec; only H.264 is accepted
+  int32_t m_vid;         ///< index among the video streams
+  int32_t m_vProfile;    ///< H.264 profile: 66, 77, 100, or -1
+  double m_vLevel;       ///< H.264 level such as 4.1; 0 leaves it to the encoder
+  int32_t m_vBitrate;    ///< bit/s; 0 leaves it to the encoder
+  int32_t m_vFramerate;  ///< frames per second; 0 keeps the source's
+  bool m_vIgnore;        ///< drop the video; refused by the hardware engine
+  bool m_vCopy;          ///< copy the video unchanged; refused by the hardware engine
+  int32_t m_width;       ///< pixels; 0 keeps the source's
+  int32_t m_height;      ///< pixels; 0 keeps the source's
+  int32_t m_rotate;      ///< clockwise degrees to compensate: 0, 90, 180, 270; else the source's
+  bool m_noDAR;          ///< ignore the display aspect ratio when resizing
+
+  int32_t m_aCodecId;     ///< audio codec; 0 lets a profile choose
+  int32_t m_aid;          ///< index among the audio streams; -1 for none
+  int32_t m_aChannel;     ///< channels; 0 keeps the source's
+  int32_t m_aSampleRate;  ///< Hz; 0 keeps the source's
+  int32_t m_aBitrate;     ///< bit/s; 0 leaves it to the encoder
+  bool m_aIgnore;         ///< drop the audio; refused by the hardware engine
+  bool m_aCopy;           ///< copy the audio unchanged; refused by the hardware engine
+
+  int32_t m_sid;           ///< index of an embedded subtitle stream to burn in; -1 for none
+  std::string m_subtitle;  ///< external subtitle file to burn in
+  std::string m_subColor;  ///< subtitle colour
+  int32_t m_subSize;       ///< subtitle font size; 0 the usual one
+  int32_t m_subSeek;       ///< seconds by which the subtitle comes later
+  std::string m_hlsTid;    ///< carried over from the job
+  std::string m_hlsPath;   ///< carried over from the job
 };
 
 /// One row of the video profile table.
 struct TransConfigEntry {
-  uint64_t key;  ///< a single bit; 0 ends the table
-  std::string name;
-  int32_t formatId;
-  int32_t width;
-  int32_t height;
-  int32_t vCodecId;
-  int32_t aCodecId;
-  int32_t aBitrate;
-  int32_t aChannel;
-  int32_t aSampleRate;
-  int32_t vProfile;
+  uint64_t key;         ///< a single bit that identifies the profile; 0 ends the table
+  std::string name;     ///< part of the names of the profile's results
+  int32_t formatId;     ///< KxFormatId_e
+  int32_t width;        ///< pixels; 0 keeps the source's
+  int32_t height;       ///< pixels; 0 keeps the source's
+  int32_t vCodecId;     ///< KxCodecId_e, 0 without video
+  int32_t aCodecId;     ///< KxCodecId_e
+  int32_t aBitrate;     ///< bit/s
+  int32_t aChannel;     ///< channels
+  int32_t aSampleRate;  ///< Hz
+  int32_t vProfile;     ///< H.264 profile; -1 leaves it to the encoder
 };
 
-/// One row of the two background audio tables.
+/// One row of the two background audio tables; fields as in TransConfigEntry.
 struct AudioConfigEntry {
   uint64_t key;
   std::string name;
@@ -96,18 +112,15 @@ struct AudioConfigEntry {
   int32_t aSampleRate;
 };
 
-/// The built-in tables; constant after the library is loaded.
+/// The built-in tables. Built when the library is loaded and never written, so that they are
+/// read without a lock. Bit i of a job's flags selects row i of the video table.
 extern const TransConfigEntry gTransConfig[8];
+/// Audio extracted from videos in the background.
 extern const AudioConfigEntry gV2ABGTransConfig[2];
+/// Music transcoded in the background.
 extern const AudioConfigEntry gMusicBGTransConfig[2];
 /// Extensions of external subtitle files, ended by a null entry.
 extern const char* const gSupportSubtitle[2];
-
-/// One piece of a segmented transcode.
-struct Seg_t {
-  std::string segment;  ///< the piece cut from the source
-  std::string result;   ///< its transcoded result
-};
 
 /// Copies the piped output of an encoder into a stream while the encoder runs.
 class FileOutputHelper {
@@ -134,58 +147,94 @@ class FileOutputHelper {
 /// Thread routine of FileOutputHelper.
 void* FileOutputHelperFunc(void* arg);
 
-/// Runs one video transcode. Used from one thread.
+/// Runs one video transcode: construct, init() once, start an engine with transcode(), follow
+/// it with getProgress(), destroy.
+///
+/// Used from one thread, which also waits for the children: their parent-death signal fires
+/// when the thread that started them ends. Nothing throws. A disc image that init() mounts
+/// stays mounted until umountIso_() or the destructor.
 class KxTranscoder {
  public:
   KxTranscoder();
+  /// Releases a mounted disc image. Does not touch children, results or the work folder.
   ~KxTranscoder();
   KxTranscoder(const KxTranscoder&) = delete;
   KxTranscoder& operator=(const KxTranscoder&) = delete;
 
+  /// Checks the request, opens and probes the source, applies the profile, and makes the
+  /// work folder and, when an embedded subtitle is chosen, its extracted text.
+  /// @param param copied; the caller's record stays as it is
+  /// @return 0, or 1 at the first failed step; mounts and work folder made so far stay
   int init(TranscodeParam& param);
+  /// @return the input argument for the software engine: the main title's parts joined for
+  ///   a DVD, the main stream of a Blu-ray disc, else the source; empty when the parts'
+  ///   paths cannot be joined
   std::string getSWFfmpegFilenameInput();
+  /// Releases a mounted disc image. @return 0, also when none is mounted; else 1
   int umountIso_();
 
-  /// Starts the engine that fits the resource. @return the child's pid, or -1.
+  /// Adds arguments for the software engine to those of the record; call it after init().
+  void appendExtraCmds(const std::vector<std::string>& arguments);
+
+  /// Starts the engine that fits the resource. The caller waits for the child.
+  /// @param withLog the child's standard error goes to getProgressLogPath()
+  /// @return the child's pid, or -1
   int transcode(KxResource2& res, bool withLog);
+  /// Starts the hardware agent. @return as transcode()
   int hwTranscode(KxResource2& res, std::string input, std::string output, bool withLog);
+  /// Starts ffmpeg. @return as transcode()
   int swTranscode(std::string input, std::string output, bool withLog);
+  /// @return the clockwise rotation to compensate, in degrees
   int getTranscodeDegree_();
+  /// Computes the size of the encoder's picture, before rotation.
+  /// @param outW,outH pixels; written on success, 0 to keep the source's
+  /// @param reqW,reqH wanted size in pixels, 0 to keep the source's
+  /// @param tolerance pixels of the wanted size that may differ
+  /// @return 0, or 1 when the video stream cannot be read
   int getResizeBasedOnDAR_(int& outW, int& outH, int reqW, int reqH, int tolerance);
 
-  /// True when the result of this transcode must be remuxed to lose its rotation.
+  /// True when the result of this transcode must be remuxed to lose its rotation: an encode
+  /// keeps the display matrix of its source, and players would turn the picture once more.
   bool needsStripMetadata();
   /// Starts the copy remux of @p output into @p output + ".remux.mp4".
   /// @return the child's pid, or -1. The caller waits for it and renames the result.
   int workaroundStripMetadata(std::string output);
 
-  int doSegment();
-  int doMerge();
-  std::vector<std::string> genFfmpegReAudioParams_();
-  std::vector<std::string> genFfmpegSegmentParams_();
-
-  /// @return percent done, 0 to 100.
+  /// Asks the log parser how far the running engine is.
+  /// @return percent done, 0 to 100; the last value while there is no progress log
   int getProgress();
 
+  /// The completed record.
   const TranscodeParam& getParam() const { return m_param; }
+  /// The probed source.
   KxMediaInfo& getMediaInfo() { return m_mediaInfo; }
   /// Folder of this transcode's work files, with trailing "/"; the caller removes it.
   const std::string& getWorkFolder() const { return m_workFolder; }
+  /// File that receives the messages of an engine started with its log switched on.
   const std::string& getProgressLogPath() const { return m_progressLog; }
 
-  std::vector<Seg_t> m_segVec;
-
  private:
+  enum class Disc { none, dvd, bluRay };
+
+  int checkRequest_() const;
+  int openSource_();
+  void openDisc_(const std::string& folder);
+  int applyProfile_();
+  int prepareWorkFolder_();
+  int checkOutput_() const;
+  engines::EngineFacts gatherFacts_(const std::string& input, const std::string& output);
+  std::optional<std::string> newWorkFile_();
+  int launch_(const engines::EngineCommand& command, bool withLog);
+
   TranscodeParam m_param;
   KxMediaInfo m_mediaInfo;
+  Disc m_disc;
   KxDvd m_dvd;
   KxBd m_bd;
-  std::string m_mountPoint;        ///< host mount of a disc image; empty when none
-  std::string m_chrootPath;        ///< root of the add-on's environment
-  std::string m_chrootMountPoint;  ///< mount inside the add-on's environment
-  std::string m_inputInternal;     ///< source for resource type 2
-  std::string m_inputOther;        ///< source for resource types 3 to 5
+  std::unique_ptr<engines::DiscMount> m_discMount;
+  std::string m_inputInternal;  ///< source for internal GPUs, a path on the host
+  std::string m_inputOther;     ///< source for the other hardware engines
   std::string m_workFolder;
   std::string m_progressLog;
-  int32_t m_progress;
+  int32_t m_progress;  ///< percent
 };

@@ -1,0 +1,87 @@
+#include "engines/DiscMount.h"
+
+#include <climits>
+#include <utility>
+
+#include "Misc.h"
+#include "engines/EngineNote.h"
+#include "frame/Log.h"
+
+static constexpr const char* kLogSource = "KxTranscoder";
+
+namespace engines {
+namespace {
+
+constexpr const char* kAddOnName = "Ampora";
+
+std::string joinPath(std::string folder, const std::string& path) {
+  if (path.starts_with("/") && folder.ends_with("/")) folder.pop_back();
+  return path.starts_with("/") ? folder + path : convertFolderPath(folder) + path;
+}
+
+}  // namespace
+
+DiscMount::~DiscMount() {
+  release();
+}
+
+int DiscMount::mount(const std::string& image) {
+  if (mountOnHost(image) != 0) return 1;
+  GstAgentPaths paths;
+  if (MyUtil_getGstTranscodeAgentPaths(paths) != 0) paths.chrootPath.clear();
+  m_chrootPath = paths.chrootPath;
+  KX_LOG_AS("init", "chrootPath:%s", m_chrootPath.c_str());
+  if (!m_chrootPath.empty()) return mountInAddOn(image);
+  KX_LOG_AS("init", "do not install %s, do not need to chroot mount\n", kAddOnName);
+  m_addOnFolder = m_hostFolder;
+  return 0;
+}
+
+int DiscMount::mountOnHost(const std::string& image) {
+  char path[PATH_MAX] = "";
+  if (mountIso(image.c_str(), path, sizeof path) != 0) {
+    KX_LOG_AS("init", "mountIso %s fail\n", image.c_str());
+    return 1;
+  }
+  m_mountPoint = path;
+  // An image without a disc structure is probed as the folder that it is.
+  char folder[PATH_MAX] = "";
+  const bool resolved =
+      parseMountedFolder_v2(path, folder, sizeof folder) == 0 && folder[0] != '\0';
+  m_hostFolder = convertFolderPath(resolved ? folder : path);
+  return 0;
+}
+
+int DiscMount::mountInAddOn(const std::string& image) {
+  char path[PATH_MAX] = "";
+  if (chrootMountIso(m_chrootPath.c_str(), image.c_str(), path, sizeof path) != 0) {
+    const size_t name = image.rfind('/') + 1;
+    KX_LOG_AS("init", "chroot to %s and mount iso %s%s fail\n", m_chrootPath.c_str(),
+              image.substr(0, name).c_str(), image.substr(name).c_str());
+    return 1;
+  }
+  m_chrootMount = path;
+  const std::string mountFolder = convertFolderPath(m_mountPoint);
+  const std::string inside =
+      m_hostFolder.starts_with(mountFolder) ? m_hostFolder.substr(mountFolder.size()) : "";
+  m_addOnFolder = convertFolderPath(joinPath(m_chrootPath, m_chrootMount)) + inside;
+  return 0;
+}
+
+int DiscMount::release() {
+  int result = 0;
+  const std::string chrootMount = std::exchange(m_chrootMount, "");
+  if (!chrootMount.empty() && chrootUmountIso(m_chrootPath.c_str(), chrootMount.c_str()) != 0) {
+    KX_LOG_AS("umountIso_", "chroot %s umountIso %s fail\n", m_chrootPath.c_str(),
+              chrootMount.c_str());
+    result = 1;
+  }
+  const std::string mountPoint = std::exchange(m_mountPoint, "");
+  if (!mountPoint.empty() && umountIso(mountPoint.c_str()) != 0) {
+    KX_LOG_AS("umountIso_", "umountIso %s fail\n", mountPoint.c_str());
+    result = 1;
+  }
+  return result;
+}
+
+}  // namespace engines

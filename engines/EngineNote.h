@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// What the engines log comes from pure functions as notes, so that the functions can be
+// tested as tables; whoever called them writes the notes to the log.
+
+// Logs at level 5 under the name of the exported function that a private piece works for.
+#define KX_LOG_AS(function, ...)                                                                   \
+  myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, (function), __VA_ARGS__)
+
+namespace engines {
+
+// One log message with the function name it is logged under.
+struct EngineNote {
+  const char* function;
+  std::string text;
+
+  bool operator==(const EngineNote&) const = default;
+};
+
+// Writes the notes to the log, in order, at level 5.
+void logNotes(const std::vector<EngineNote>& notes);
+
+}  // namespace engines

@@ -1,0 +1,287 @@
+#include "KxTranscoder.h"
+
+#include <sys/stat.h>
+
+#include <utility>
+
+#include "Misc.h"
+#include "engines/AgentCommand.h"
+#include "engines/DiscMount.h"
+#include "engines/EngineCommand.h"
+#include "engines/EngineNote.h"
+#include "engines/ExtractedSubtitle.h"
+#include "engines/OutputSize.h"
+#include "engines/ProfileSelection.h"
+#include "engines/SoftwareCommand.h"
+#include "engines/WorkFolder.h"
+#include "frame/Log.h"
+
+static constexpr const char* kLogSource = "KxTranscoder";
+
+namespace {
+
+constexpr size_t kProgramPathLimit = 1023;
+constexpr const char* kFfmpegPath = "/usr/local/medialibrary/bin/ffmpeg";
+
+bool exists(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0;
+}
+
+const char* text(bool value) {
+  return value ? "true" : "false";
+}
+
+std::optional<std::string> codecName(int codecId) {
+  char name[10] = "";
+  if (getFFmpegCodecName(codecId, name, sizeof name) != 0) return std::nullopt;
+  return name;
+}
+
+std::optional<MediaSvcVarInfo> mediaService() {
+  std::vector<MediaSvcVarInfo> services;
+  if (MyUtil_getMediaSvcVarInfos(services) != 0 || services.empty()) return std::nullopt;
+  return services.front();
+}
+
+std::string staticFfmpeg() {
+  char path[1024] = "";
+  if (MyUtil_getStaticFfmpegPath(path, sizeof path) == 0 && path[0] != '\0') return path;
+  return miscSystemPath(kFfmpegPath);
+}
+
+// The title's parts in order, joined for ffmpeg.
+std::string joinedTitle(const kxDVD_s& title) {
+  std::string input;
+  for (int part = 1; part <= title.cntNo; ++part) {
+    const std::string path = title.vobPath + title.vobVTSPrefix + "_" + title.VTS + "_" +
+                             std::to_string(part) + title.vobSuffix;
+    if (!exists(path)) continue;
+    input += (input.empty() ? "concat:" : "|") + path;
+  }
+  return input;
+}
+
+}  // namespace
+
+KxTranscoder::KxTranscoder() : m_disc(Disc::none), m_progress(0) {}
+
+KxTranscoder::~KxTranscoder() {
+  if (umountIso_() != 0) KX_LOG("umount iso fail\n");
+}
+
+int KxTranscoder::init(TranscodeParam& param) {
+  m_param = param;
+  if (checkRequest_() != 0 || openSource_() != 0 || applyProfile_() != 0) return 1;
+  if (prepareWorkFolder_() != 0 || engines::prepareSubtitle(m_param) != 0) return 1;
+  return checkOutput_();
+}
+
+int KxTranscoder::checkRequest_() const {
+  if (m_param.m_isPipeIn) {
+    KX_LOG_AS("init", "we do not support pipe in mode for now");
+    return 1;
+  }
+  KX_LOG_AS("init", "pipeout=%s, outFile.empty()=%s\n", text(m_param.m_isPipeOut),
+            text(m_param.m_outFile.empty()));
+  if (!exists(m_param.m_inFile)) {
+    KX_LOG_AS("init", "m_inFile %s is invalid\n", m_param.m_inFile.c_str());
+    return 1;
+  }
+  return 0;
+}
+
+int KxTranscoder::openSource_() {
+  m_inputInternal = m_param.m_inFile;
+  m_inputOther = m_param.m_inFile;
+  if (m_param.m_inFile.ends_with(".iso")) {
+    m_discMount = std::make_unique<engines::DiscMount>();
+    if (m_discMount->mount(m_param.m_inFile) != 0) return 1;
+    m_inputInternal = m_discMount->hostFolder();
+    m_inputOther = m_discMount->addOnFolder();
+  }
+  openDisc_(convertFolderPath(m_inputInternal));
+  if (m_mediaInfo.init(m_inputInternal) != 0) {
+    KX_LOG_AS("init", "mediainfo init fail\n");
+    return 1;
+  }
+  return 0;
+}
+
+void KxTranscoder::openDisc_(const std::string& folder) {
+  const std::string dvdIndex = folder + "VIDEO_TS/VIDEO_TS.IFO";
+  const std::string bluRayIndex = folder + "BDMV/index.bdmv";
+  m_disc = Disc::none;
+  if (exists(dvdIndex) && m_dvd.init(dvdIndex) == 0)
+    m_disc = Disc::dvd;
+  else if (exists(bluRayIndex) && m_bd.init(bluRayIndex) == 0)
+    m_disc = Disc::bluRay;
+}
+
+int KxTranscoder::applyProfile_() {
+  std::vector<engines::EngineNote> notes;
+  const TransConfigEntry* row = engines::selectProfile(m_param.m_profile, notes);
+  if (row != nullptr)
+    engines::applyProfile(*row, m_mediaInfo.getAudioTrack(m_param.m_aid),
+                          MyUtil_hasAACSupport() != 0, m_param);
+  const int result = engines::checkParameters(m_param, notes);
+  engines::logNotes(notes);
+  return result;
+}
+
+int KxTranscoder::prepareWorkFolder_() {
+  const std::string parent = engines::transcodeFolder();
+  if (parent.empty()) return 1;
+  std::string name;
+  if (miscGenUniqueFileName(name) != 0) {
+    KX_LOG_AS("init", "generate tmp name fail\n");
+    return 1;
+  }
+  m_workFolder = engines::makeWorkFolder(parent, name);
+  if (m_workFolder.empty()) return 1;
+  m_progressLog = m_workFolder + "._progress.log";
+  const bool bareName =
+      !m_param.m_outFile.empty() && m_param.m_outFile.find('/') == std::string::npos;
+  if (bareName) m_param.m_outFile = parent + m_param.m_outFile;
+  return 0;
+}
+
+int KxTranscoder::checkOutput_() const {
+  if (!m_param.m_outFile.empty() || m_param.m_isPipeOut) return 0;
+  KX_LOG_AS("init", "output parameter error\n");
+  return 1;
+}
+
+std::string KxTranscoder::getSWFfmpegFilenameInput() {
+  if (m_disc == Disc::bluRay) return m_bd.getSampleVideoPath();
+  if (m_disc != Disc::dvd) return m_inputInternal;
+  const kxDVD_s& title = m_dvd.getSampleDvd();
+  if (title.vobPath.find('|') != std::string::npos) {
+    KX_LOG("can not join the parts in %s, its name holds the separator\n", title.vobPath.c_str());
+    return "";
+  }
+  return joinedTitle(title);
+}
+
+int KxTranscoder::umountIso_() {
+  return m_discMount ? m_discMount->release() : 0;
+}
+
+void KxTranscoder::appendExtraCmds(const std::vector<std::string>& arguments) {
+  m_param.m_extraCmds.insert(m_param.m_extraCmds.end(), arguments.begin(), arguments.end());
+}
+
+int KxTranscoder::transcode(KxResource2& res, bool withLog) {
+  if (res.isEmpty) return -1;
+  switch (res.resType) {
+  case RES2_GPU_INTERNAL:
+    return hwTranscode(res, m_inputInternal, m_param.m_outFile, withLog);
+  case RES2_GPU_EXTERNAL:
+  case RES2_ARM_RTK:
+  case RES2_ARM_RK:
+    return hwTranscode(res, m_inputOther, m_param.m_outFile, withLog);
+  case RES2_SW_CPU:
+    break;
+  default:
+    KX_LOG("this is unknow resource, we use sw transcode\n");
+  }
+  const std::string input = getSWFfmpegFilenameInput();
+  if (input.empty()) return -1;
+  return swTranscode(input, m_param.m_outFile, withLog);
+}
+
+int KxTranscoder::hwTranscode(KxResource2& res, std::string input, std::string output,
+                              bool withLog) {
+  if (res.isEmpty) {
+    KX_LOG("resource is empty\n");
+    return -1;
+  }
+  if (!exists(input)) {
+    KX_LOG("the transcode target %s is invalid\n", input.c_str());
+    return -1;
+  }
+  const std::optional<MediaSvcVarInfo> service = mediaService();
+  if (!service) {
+    KX_LOG("no tool\n");
+    return -1;
+  }
+  engines::EngineFacts facts = gatherFacts_(input, output);
+  facts.program = service->agentPath;
+  facts.audioEncoders = service->audioEncoders;
+  return launch_(engines::agentCommand(m_param, facts, res), withLog);
+}
+
+int KxTranscoder::swTranscode(std::string input, std::string output, bool withLog) {
+  const std::optional<MediaSvcVarInfo> service = mediaService();
+  if (!service) {
+    KX_LOG("no tool\n");
+    return -1;
+  }
+  engines::EngineFacts facts = gatherFacts_(input, output);
+  facts.program = service->ffmpegPath.substr(0, kProgramPathLimit);
+  facts.audioEncoders = service->audioEncoders;
+  return launch_(engines::softwareCommand(m_param, facts), withLog);
+}
+
+engines::EngineFacts KxTranscoder::gatherFacts_(const std::string& input,
+                                                const std::string& output) {
+  engines::EngineFacts facts;
+  facts.input = input;
+  facts.output = output;
+  facts.video = m_mediaInfo.getVideoTrack(m_param.m_vid);
+  facts.audio = m_mediaInfo.getAudioTrack(m_param.m_aid);
+  facts.degree = engines::transcodeDegree(m_param, facts.video);
+  facts.audioCodecName = codecName(m_param.m_aCodecId);
+  if (m_param.m_isFastStart) facts.fastStartFile = newWorkFile_();
+  if (m_param.m_isPipeOut) facts.pipeOutFile = newWorkFile_();
+  return facts;
+}
+
+std::optional<std::string> KxTranscoder::newWorkFile_() {
+  std::string name;
+  if (miscGenUniqueFileName(name) != 0) return std::nullopt;
+  return m_workFolder + name;
+}
+
+int KxTranscoder::launch_(const engines::EngineCommand& command, bool withLog) {
+  engines::logNotes(command.notes);
+  if (command.fastStartFile) m_param.m_fastStartFile = *command.fastStartFile;
+  if (command.pipeOutFile) m_param.m_pipeOutFile = *command.pipeOutFile;
+  if (command.refused) return -1;
+  return miscLaunchCmdNoWait(command.argv, withLog ? m_progressLog : "");
+}
+
+int KxTranscoder::getTranscodeDegree_() {
+  return engines::transcodeDegree(m_param, m_mediaInfo.getVideoTrack(m_param.m_vid));
+}
+
+int KxTranscoder::getResizeBasedOnDAR_(int& outW, int& outH, int reqW, int reqH, int tolerance) {
+  const engines::OutputSize size = engines::computeOutputSize(
+      m_mediaInfo.getVideoTrack(m_param.m_vid), {reqW, reqH, tolerance, m_param.m_noDAR});
+  engines::logNotes(size.notes);
+  if (!size.known) return 1;
+  outW = size.width;
+  outH = size.height;
+  return 0;
+}
+
+bool KxTranscoder::needsStripMetadata() {
+  const KxStream video = m_mediaInfo.getVideoTrack(m_param.m_vid);
+  return getTranscodeDegree_() != 0 || video.m_rotation != 0;
+}
+
+int KxTranscoder::workaroundStripMetadata(std::string output) {
+  KX_LOG(
+      "for bug#128126, do not know why sw ffmpeg can not strip metadataso we remux video again\n");
+  return miscLaunchCmdNoWait(engines::remuxCommand(staticFfmpeg(), output), "");
+}
+
+int KxTranscoder::getProgress() {
+  if (m_progressLog.empty() || !exists(m_progressLog)) return m_progress;
+  const std::string parser = miscSystemPath("/usr/local/medialibrary/bin/xlogparse.sh");
+  const char* const argv[] = {parser.c_str(), m_progressLog.c_str(), nullptr};
+  ExecResult result;
+  const bool ran = MyUtil_Exec2(result, true, argv) == 0;
+  m_progress = ran && result.exitStatus >= 0 && result.exitStatus <= 100 ? result.exitStatus : 0;
+  return m_progress;
+}
