@@ -1,0 +1,31 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "KxResource2.h"
+
+// What one look at the accelerator tool found.
+struct CardLook {
+  std::uint64_t number = 0;                       // later looks have higher numbers
+  std::optional<std::vector<KxResource2>> cards;  // nothing when the look failed
+};
+
+// Shares one look at the accelerator tool among all who ask at the same time. Nothing is kept
+// once it has been handed out: the next question looks again. Callable from any thread.
+class CardDiscovery {
+ public:
+  std::shared_ptr<const CardLook> look();
+
+ private:
+  struct Flight;
+
+  std::mutex m_mutex;
+  std::condition_variable m_landed;
+  std::shared_ptr<Flight> m_flight;  // the look in progress
+  std::uint64_t m_lastNumber = 0;
+};
