@@ -6,10 +6,6 @@
 // What the engines log comes from pure functions as notes, so that the functions can be
 // tested as tables; whoever called them writes the notes to the log.
 
-// Logs at level 5 under the name of the exported function that a private piece works for.
-#define KX_LOG_AS(function, ...)                                                                   \
-  myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, (function), __VA_ARGS__)
-
 namespace engines {
 
 // One log message with the function name it is logged under.

@@ -14,6 +14,10 @@
   myDebugUtilWrapperPrint((level), 0, kLogSource, __LINE__, __func__, __VA_ARGS__)
 #define KX_LOG(...) KX_LOG_LEVEL(5, __VA_ARGS__)
 
+// The same from a private helper of the function that the message belongs to.
+#define KX_LOG_AS(func, ...)                                                                       \
+  myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, (func), __VA_ARGS__)
+
 // A message that ends in ", errno=%d, strerror=%s\n". The text is a literal.
 #define KX_LOG_ERRNO(text, ...)                                                                    \
   KX_LOG(text ", errno=%d, strerror=%s\n" __VA_OPT__(, ) __VA_ARGS__, errno, strerror(errno))
