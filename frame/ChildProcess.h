@@ -15,6 +15,9 @@
 //
 // Move-only; used from one thread. The parent-death signal of a child fires when the thread
 // that forked it ends, so the thread that launches a child also waits for it.
+//
+// A wait status is the kernel's (WIFEXITED and so on). Should somebody else have reaped the
+// child, its status is kLostStatus.
 class ChildProcess {
  public:
   struct Options {
@@ -24,32 +27,48 @@ class ChildProcess {
     std::string workingFolder;          // empty: inherited
   };
 
+  // The status of a child that was reaped elsewhere: exit code 255.
+  static constexpr int kLostStatus = 255 << 8;
+
   ChildProcess() = default;
-  // Takes over a child that was started elsewhere (miscLaunchCmdNoWait).
+  // Takes over a child that was started elsewhere (miscLaunchCmdNoWait). A pid below 1 gives
+  // an object without a child.
   static ChildProcess adopt(pid_t pid);
   // Starts a program: own process group, standard input from /dev/null, default signals,
-  // parent-death signal SIGTERM, every other descriptor closed. pid() is -1 on failure.
+  // parent-death signal SIGTERM, every other descriptor closed. pid() is -1 on failure, also
+  // when the program cannot be executed; the reason is in the log and in errno.
   static ChildProcess spawn(const std::vector<std::string>& argv, const Options& options);
   ChildProcess(ChildProcess&& other) noexcept;
+  // Stops and reaps the child it held before.
   ChildProcess& operator=(ChildProcess&& other) noexcept;
   // Stops the child when it still runs, and reaps it.
   ~ChildProcess();
 
+  // The child's pid, also after it was reaped.
   pid_t pid() const { return m_pid; }
   bool valid() const { return m_pid > 0; }
   int stdoutFd() const { return m_stdout.get(); }
 
   // Wait status once the child has ended; it is reaped then and the result is kept.
   std::optional<int> poll();
+  // Waits at most this long; negative: without limit. Nothing when the child still runs.
   std::optional<int> waitFor(std::chrono::milliseconds limit);
   int wait();
-  // SIGTERM, then SIGKILL after the grace time; returns the wait status.
+  // SIGTERM, then SIGKILL after the grace time; returns the wait status. A spawned child takes
+  // its whole process group with it.
   int terminate(std::chrono::milliseconds grace);
-  // Sends a signal to a child that has not been reaped. False when there is none.
+  // Sends a signal to a child that has not been reaped, and to its process group when it was
+  // spawned. False when there is none.
   bool signal(int number);
 
  private:
+  void openPidFd();
+  bool waitForEnd(std::chrono::milliseconds limit);
+  void release() noexcept;
+  void takeOver(ChildProcess& other) noexcept;
+
   pid_t m_pid = -1;
+  bool m_ownGroup = false;
   UniqueFd m_pidFd;
   UniqueFd m_stdout;
   std::optional<int> m_status;
