@@ -303,6 +303,8 @@ TEST(LaunchedCommand, DiesWithTheThreadThatStartedItEvenWhereThatBlocksTheSignal
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, nullptr);
     pid = miscLaunchCmdNoWait({"sleep", "60"}, "");
+    // A thread that ends before the child has armed its death signal is not noticed.
+    kxtest::waitUntil([&] { return readFile("/proc/" + int_to_str(pid) + "/comm") == "sleep\n"; });
   }).join();
   ChildProcess child = ChildProcess::adopt(pid);
   const auto status = child.waitFor(20s);
