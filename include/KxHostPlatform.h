@@ -126,34 +126,77 @@ class ScopedMutexLock {
 };
 }  // namespace MediaLibrary
 
-/// The list of mounted volume folders that may be indexed.
+/// The list of mounted volume folders that may be indexed: every mount that holds files of
+/// users, so neither the kernel's own file systems nor anything below /proc, /sys, /dev, /run
+/// and /boot. All operations may be called from any thread.
 class NasVol {
  public:
+  NasVol();
+  ~NasVol();
+  NasVol(const NasVol&) = delete;
+  NasVol& operator=(const NasVol&) = delete;
+
+  /// Makes an object the one of the process; it stays the caller's and takes itself back
+  /// when it is destroyed.
   static void setInstance(NasVol* instance);
-  /// Rebuilds the list from the mount table. @return 0 on success.
+  /// @return the object of the process, or NULL.
+  static NasVol* getInstance();
+  /// Brings the list up to date; cheap while the mount table has not changed.
+  /// @return 0, or 1 when the mount table cannot be read (the old list stays)
   int genIndexableVolDir();
+  /// The list, in ascending order.
+  std::vector<std::string> getIndexableVolDirs() const;
+  /// True when an absolute path lies on a listed volume and is neither the root folder nor
+  /// part of the system's own folders.
+  bool isIndexable(const std::string& path) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> m_impl;
 };
 
-/// Recursive inotify watches with a path look-up.
+/// Recursive inotify watches with a path look-up. Folders that the service itself writes
+/// (isValidDirName()) and symbolic links are not watched.
+///
+/// x_inotifytools_next_event() belongs to one thread; everything else may be called from any.
 class F2notify {
  public:
   F2notify();
+  /// Includes x_inotifytools_cleanup().
   ~F2notify();
   F2notify(const F2notify&) = delete;
   F2notify& operator=(const F2notify&) = delete;
 
-  /// Keeps the semaphore whose post ends a wait for an event.
+  /// Keeps the semaphore whose post ends a wait for an event. It stays the caller's and must
+  /// outlive the time between x_inotifytools_initialize() and x_inotifytools_cleanup(); in
+  /// that time only this object waits on it. @return 0, or 1 for NULL
   int x_inotifytools_pre_init(sem_t* wakeUp);
+  /// Opens the event queue. Calling it again without a clean-up in between is success.
   int x_inotifytools_initialize();
+  /// Drops every watch and closes the event queue. Call it when no thread is waiting.
   void x_inotifytools_cleanup();
-  /// Watches a folder and all its sub-folders. @param events 0 for the default set
+  /// Watches a folder and all its sub-folders. Watching a folder again is success; when it
+  /// has been moved since, its new path replaces the old one.
+  /// @param events inotify bits; 0 for created, moved in, moved out, deleted and closed after
+  ///        writing
+  /// @param exclude NULL-ended list of folders that are left out with everything below them;
+  ///        may be NULL
+  /// @return 0, or 1 when @p path itself cannot be watched or the kernel's limit of watches
+  ///         is reached (errno is ENOSPC then; the watches made so far stay)
   int x_my_inotifytools_watch_recursively_with_exclude(const char* path, int events,
                                                        const char* const* exclude);
-  /// Next event, or NULL on time-out or wake-up; valid until the next call.
+  /// Next event, or NULL on time-out, wake-up or failure; valid until the next call. Events of
+  /// watches that have been removed are left out. The name is always readable; it is empty
+  /// when the event has none. IN_Q_OVERFLOW (wd -1) tells that events were lost.
+  /// @param seconds longest wait; negative for no limit
   inotify_event* x_inotifytools_next_event(int seconds);
-  /// Watched folder of a descriptor with trailing "/", or NULL when unknown.
+  /// Watched folder of a descriptor with trailing "/", or NULL when unknown; valid until the
+  /// calling thread asks again.
   const char* x_inotifytools_filename_from_wd(int wd);
+  /// Tells that a watched folder, with everything below it, has another path now.
   void x_inotifytools_replace_filename(const char* from, const char* to);
+  /// Drops the watches of a folder and of everything below it.
+  /// @return 0, or 1 when there were none
   int x_inotifytools_remove_watch_by_filename(const char* path);
 
  private:
