@@ -41,7 +41,8 @@ function(kx_host_executable target)
   target_link_libraries(${target} PRIVATE
     kx_warnings kxtranscode
     "-Wl,--whole-archive" kxhost "-Wl,--no-whole-archive"
-    "-Wl,--no-as-needed" PkgConfig::SQLITE PkgConfig::LIBAV "-Wl,--as-needed"
-    Threads::Threads)
-  target_link_options(${target} PRIVATE -rdynamic LINKER:--allow-shlib-undefined)
+    PkgConfig::SQLITE PkgConfig::LIBAV Threads::Threads)
+  # As an option, because flags between libraries are reordered away from them.
+  target_link_options(${target} PRIVATE
+    -rdynamic LINKER:--no-as-needed LINKER:--allow-shlib-undefined)
 endfunction()
