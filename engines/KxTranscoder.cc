@@ -1,7 +1,5 @@
 #include "KxTranscoder.h"
 
-#include <sys/stat.h>
-
 #include <utility>
 
 #include "Misc.h"
@@ -10,38 +8,26 @@
 #include "engines/EngineCommand.h"
 #include "engines/EngineNote.h"
 #include "engines/ExtractedSubtitle.h"
+#include "engines/HostFacts.h"
 #include "engines/OutputSize.h"
 #include "engines/ProfileSelection.h"
+#include "engines/ProgressReader.h"
 #include "engines/SoftwareCommand.h"
 #include "engines/WorkFolder.h"
 #include "frame/Log.h"
 
 static constexpr const char* kLogSource = "KxTranscoder";
 
+using engines::codecName;
+using engines::exists;
+using engines::mediaService;
+
 namespace {
 
-constexpr size_t kProgramPathLimit = 1023;
 constexpr const char* kFfmpegPath = "/usr/local/medialibrary/bin/ffmpeg";
-
-bool exists(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0;
-}
 
 const char* text(bool value) {
   return value ? "true" : "false";
-}
-
-std::optional<std::string> codecName(int codecId) {
-  char name[10] = "";
-  if (getFFmpegCodecName(codecId, name, sizeof name) != 0) return std::nullopt;
-  return name;
-}
-
-std::optional<MediaSvcVarInfo> mediaService() {
-  std::vector<MediaSvcVarInfo> services;
-  if (MyUtil_getMediaSvcVarInfos(services) != 0 || services.empty()) return std::nullopt;
-  return services.front();
 }
 
 std::string staticFfmpeg() {
@@ -218,7 +204,7 @@ int KxTranscoder::swTranscode(std::string input, std::string output, bool withLo
     return -1;
   }
   engines::EngineFacts facts = gatherFacts_(input, output);
-  facts.program = service->ffmpegPath.substr(0, kProgramPathLimit);
+  facts.program = service->ffmpegPath;
   facts.audioEncoders = service->audioEncoders;
   return launch_(engines::softwareCommand(m_param, facts), withLog);
 }
@@ -277,11 +263,6 @@ int KxTranscoder::workaroundStripMetadata(std::string output) {
 }
 
 int KxTranscoder::getProgress() {
-  if (m_progressLog.empty() || !exists(m_progressLog)) return m_progress;
-  const std::string parser = miscSystemPath("/usr/local/medialibrary/bin/xlogparse.sh");
-  const char* const argv[] = {parser.c_str(), m_progressLog.c_str(), nullptr};
-  ExecResult result;
-  const bool ran = MyUtil_Exec2(result, true, argv) == 0;
-  m_progress = ran && result.exitStatus >= 0 && result.exitStatus <= 100 ? result.exitStatus : 0;
+  m_progress = engines::readProgress(m_progressLog, m_progress);
   return m_progress;
 }

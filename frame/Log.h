@@ -21,3 +21,6 @@
 // A message that ends in ", errno=%d, strerror=%s\n". The text is a literal.
 #define KX_LOG_ERRNO(text, ...)                                                                    \
   KX_LOG(text ", errno=%d, strerror=%s\n" __VA_OPT__(, ) __VA_ARGS__, errno, strerror(errno))
+#define KX_LOG_ERRNO_AS(func, text, ...)                                                           \
+  KX_LOG_AS(func, text ", errno=%d, strerror=%s\n" __VA_OPT__(, ) __VA_ARGS__, errno,              \
+            strerror(errno))

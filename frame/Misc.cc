@@ -62,9 +62,7 @@ bool containsHiddenName(const std::string& text) {
 
 // Passes the result of a lock call through and logs a failure.
 int checkLock(int result, const char* func, const char* text) {
-  if (result != 0)
-    myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, func, "%s, errno=%d, strerror=%s\n", text,
-                            errno, strerror(errno));
+  if (result != 0) KX_LOG_ERRNO_AS(func, "%s", text);
   return result;
 }
 
@@ -196,15 +194,13 @@ namespace launch {
 constexpr const char* kFunc = "miscLaunchCmdNoWait";
 constexpr int kSetupFailed = -1;
 
-#define LAUNCH_LOG(...) myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, kFunc, __VA_ARGS__)
-
 void dieWithParent(pid_t parent) {
   switch (childsetup::armDeathSignal(parent)) {
   case childsetup::DeathSignal::Armed:
     return;
   case childsetup::DeathSignal::PrctlFailed:
-    LAUNCH_LOG("Cannot prctl(PR_SET_PDEATHSIG, SIGTERM), errno=%d, strerror=%s\n", errno,
-               strerror(errno));
+    KX_LOG_AS(kFunc, "Cannot prctl(PR_SET_PDEATHSIG, SIGTERM), errno=%d, strerror=%s\n", errno,
+              strerror(errno));
     break;
   case childsetup::DeathSignal::ParentGone:
     break;
@@ -213,15 +209,15 @@ void dieWithParent(pid_t parent) {
 }
 
 void redirectStandardError(const char* logFile) {
-  LAUNCH_LOG("log file=%s\n", logFile);
-  if (unlink(logFile) != 0 && errno != ENOENT) LAUNCH_LOG("remove log: %s fail\n", logFile);
+  KX_LOG_AS(kFunc, "log file=%s\n", logFile);
+  if (unlink(logFile) != 0 && errno != ENOENT) KX_LOG_AS(kFunc, "remove log: %s fail\n", logFile);
   const int fd = open(logFile, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
   if (fd < 0) {
-    LAUNCH_LOG("open fd error, errno=%d, errstr=%s\n", errno, strerror(errno));
+    KX_LOG_AS(kFunc, "open fd error, errno=%d, errstr=%s\n", errno, strerror(errno));
     _exit(kSetupFailed);
   }
   if (dup2(fd, STDERR_FILENO) < 0) {
-    LAUNCH_LOG("dup2 error, errno=%d, errstr=%s\n", errno, strerror(errno));
+    KX_LOG_AS(kFunc, "dup2 error, errno=%d, errstr=%s\n", errno, strerror(errno));
     _exit(kSetupFailed);
   }
   if (fd != STDERR_FILENO) close(fd);
@@ -232,11 +228,9 @@ void redirectStandardError(const char* logFile) {
   childsetup::resetSignals();
   if (*logFile != '\0') redirectStandardError(logFile);
   execvp(argv[0], argv);
-  LAUNCH_LOG("end of execvp - shouldn't come here\n");
+  KX_LOG_AS(kFunc, "end of execvp - shouldn't come here\n");
   _exit(1);
 }
-
-#undef LAUNCH_LOG
 
 std::optional<std::vector<char*>> argvOf(std::vector<std::string>& words) {
   try {
