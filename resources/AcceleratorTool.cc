@@ -15,7 +15,7 @@ static constexpr const char* kLogSource = "KxResMgr2";
 // Discovery is a step of this operation, and its messages carry that name.
 #define LOG_LEVEL_CHECKRES(level, ...)                                                             \
   myDebugUtilWrapperPrint((level), 0, kLogSource, __LINE__, "checkRes", __VA_ARGS__)
-#define LOG_CHECKRES(...) LOG_LEVEL_CHECKRES(5, __VA_ARGS__)
+#define LOG_CHECKRES(...) KX_LOG_AS("checkRes", __VA_ARGS__)
 
 namespace {
 

@@ -31,12 +31,11 @@ std::string configFile() {
 void storeLimit(const char* function, const char* key, int value) {
   const std::string file = configFile();
   if (MyUtil_SetKeyInt(kSection, key, value, file.c_str()) == 0)
-    myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, function, "set %s=%d to %s fail\n", key,
-                            value, file.c_str());
+    KX_LOG_AS(function, "set %s=%d to %s fail\n", key, value, file.c_str());
 }
 
 int logged(int result, const char* function, const char* complaint) {
-  if (result != 0) myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, function, "%s", complaint);
+  if (result != 0) KX_LOG_AS(function, "%s", complaint);
   return result;
 }
 
@@ -104,8 +103,8 @@ int KxResMgr2::initLimits() {
   const std::string file = configFile();
   const int cpuLimit = MyUtil_GetKeyInt(kSection, kCpuKey, kDefaultCpuLimit, file.c_str());
   const int memLimit = MyUtil_GetKeyInt(kSection, kMemKey, kAutomaticMemLimit, file.c_str());
-  myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, "init", "cpuLimit=%d\n", cpuLimit);
-  myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, "init", "memLimit=%d\n", memLimit);
+  KX_LOG_AS("init", "cpuLimit=%d\n", cpuLimit);
+  KX_LOG_AS("init", "memLimit=%d\n", memLimit);
   if (logged(m_cgroup.ampCpuInit(m_cgroupName, cpuLimit), "init", "Cgroup cpu init fail\n") != 0)
     return 1;
   if (logged(m_cgroup.ampMemInit(m_cgroupName, memLimit), "init", "Cgroup memory init fail\n") != 0)

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <ctime>
 #include <map>
-#include <mutex>
 
 #include "KxTransDBMgr.h"
 #include "Misc.h"
@@ -24,30 +23,15 @@ std::atomic<UnitThreadRoutine> gThreadRoutine{unitBGTranscodeThread};
 
 constexpr auto kNoThread = static_cast<pthread_t>(-1);
 
-struct {
-  std::mutex mutex;
-  KxTranscodeUnit2::LeaveListener listener = nullptr;
-  void* context = nullptr;
-} gLeave;
-
-void tellLeft() {
-  const std::lock_guard<std::mutex> lock(gLeave.mutex);
-  if (gLeave.listener != nullptr) gLeave.listener(gLeave.context);
-}
-
-// The stated operations share one way to take the mutex; `function` is the operation.
-#define LOG_AS(function, ...)                                                                      \
-  myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, (function), __VA_ARGS__)
-
 template <class Body>
 int withMutex(pthread_mutex_t& mutex, const char* function, Body body) {
   if (miscMutexLock(mutex) != 0) {
-    LOG_AS(function, "mutex lock fail\n");
+    KX_LOG_AS(function, "mutex lock fail\n");
     return 1;
   }
   const int result = body();
   if (miscMutexUnLock(mutex) != 0) {
-    LOG_AS(function, "mutex unlock fail\n");
+    KX_LOG_AS(function, "mutex unlock fail\n");
     return 1;
   }
   return result;
@@ -180,11 +164,11 @@ KxTranscodeUnit2::~KxTranscodeUnit2() {
 int KxTranscodeUnit2::init(KxDBTask& task) {
   return withMutex(m_mutex, __func__, [&] {
     if (!m_isEmpty || m_status != UNIT_UNDEFINED) {
-      LOG_AS("init", "this unit already init\n");
+      KX_LOG_AS("init", "this unit already init\n");
       return 1;
     }
     if (task.isEmpty) {
-      LOG_AS("init", "resource is empty\n");
+      KX_LOG_AS("init", "resource is empty\n");
       return 1;
     }
     m_task = task;
@@ -209,7 +193,7 @@ int KxTranscodeUnit2::pending() {
 int KxTranscodeUnit2::change(UnitCall call, const char* function) {
   return withMutex(m_mutex, function, [&] {
     const UnitTransition transition = unitTransition(call, m_status);
-    LOG_AS(function, "%s", transition.text);
+    KX_LOG_AS(function, "%s", transition.text);
     // A runner always sees start first, and a suspended job is finished even when it cannot
     // be written back: the state changes before anything is done about it.
     m_status = transition.to;
@@ -243,23 +227,23 @@ int KxTranscodeUnit2::launchRunnerLocked() {
   }
   m_tid = kNoThread;
   m_status = UNIT_FINISH;
-  LOG_AS("start", "pthread_create() fail\n");
+  KX_LOG_AS("start", "pthread_create() fail\n");
   return error;
 }
 
 void KxTranscodeUnit2::writeBackAsWaitingLocked() {
   KxTransDBMgr* store = KxTransDBMgr::getInstance();
   if (store->mutexLock() != 0) {
-    LOG_AS("stop", "pending->stop, DBMgr mutex lock fail\n");
+    KX_LOG_AS("stop", "pending->stop, DBMgr mutex lock fail\n");
     return;
   }
   KxDBTaskParam waiting = m_task.param;
   waiting.dateStart = 0;
   waiting.dateFinish = 0;
   waiting.status = JOB_WAITING;
-  if (store->updateDBJobDateFinish(waiting) != 0) LOG_AS("stop", "updateDBJobDateFinish fail\n");
-  if (store->updateDBJobStatus(waiting) != 0) LOG_AS("stop", "updateDBJobStatus fail\n");
-  if (store->mutexUnLock() != 0) LOG_AS("stop", "DBMgr mutex unlock fail\n");
+  if (store->updateDBJobDateFinish(waiting) != 0) KX_LOG_AS("stop", "updateDBJobDateFinish fail\n");
+  if (store->updateDBJobStatus(waiting) != 0) KX_LOG_AS("stop", "updateDBJobStatus fail\n");
+  if (store->mutexUnLock() != 0) KX_LOG_AS("stop", "DBMgr mutex unlock fail\n");
 }
 
 void KxTranscodeUnit2::dump() {
@@ -354,19 +338,7 @@ void KxTranscodeUnit2::setProgress(unsigned generation, int percent) {
   if (isNewestLocked(generation)) m_progress = std::clamp(percent, 0, 100);
 }
 
-void KxTranscodeUnit2::setLeaveListener(LeaveListener listener, void* context) {
-  const std::lock_guard<std::mutex> lock(gLeave.mutex);
-  gLeave.listener = listener;
-  gLeave.context = context;
-}
-
 void KxTranscodeUnit2::leave(unsigned generation) {
-  leaveQuietly(generation);
-  // From here on the unit may be gone.
-  tellLeft();
-}
-
-void KxTranscodeUnit2::leaveQuietly(unsigned generation) {
   const UnitLock lock(m_mutex);
   if (isNewestLocked(generation)) {
     if (m_status == UNIT_START || m_status == UNIT_STOP) m_status = UNIT_FINISH;

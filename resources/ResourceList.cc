@@ -12,10 +12,6 @@
 
 static constexpr const char* kLogSource = "KxResMgr2";
 
-// The messages carry the name of the manager's operation they belong to.
-#define LOG_AS(function, ...)                                                                      \
-  myDebugUtilWrapperPrint(5, 0, kLogSource, __LINE__, (function), __VA_ARGS__)
-
 namespace {
 
 bool isBuiltIn(const KxResource2& resource) {
@@ -52,12 +48,12 @@ bool ResourceList::addBuiltIn(const std::string& id, KxRes2_e type) {
 void ResourceList::reconcile(const std::vector<KxResource2>& cards) {
   std::erase_if(m_entries, [&cards](const KxResource2& known) {
     if (isBuiltIn(known) || hasId(cards, known.id)) return false;
-    LOG_AS("checkRes", "remove non-existed device from resource vector\n");
+    KX_LOG_AS("checkRes", "remove non-existed device from resource vector\n");
     return true;
   });
   for (const KxResource2& card : cards) {
     if (hasId(m_entries, card.id)) continue;
-    LOG_AS("checkRes", "detect new dev, add it to resource vector\n");
+    KX_LOG_AS("checkRes", "detect new dev, add it to resource vector\n");
     m_entries.push_back(card);
   }
 }
@@ -80,7 +76,7 @@ void ResourceList::removeDeadProcesses() {
     for (const int pid : pids) {
       const std::string folder = "/proc/" + std::to_string(pid) + "/";
       if (isFolder(folder)) continue;
-      LOG_AS("checkRegInfo", "%s is not exist, so we remove it from RegInfo\n", folder.c_str());
+      KX_LOG_AS("checkRegInfo", "%s is not exist, so we remove it from RegInfo\n", folder.c_str());
       resource.rmRegInfo(pid);
     }
   }
