@@ -29,15 +29,13 @@ std::shared_ptr<spdlog::logger> gLogger;
 std::atomic<int> gLevel{5};
 // The process that owns the logger. A child between fork and exec finds another number here
 // and must neither take a lock nor allocate: another thread may have held either at the fork.
-std::atomic<pid_t> gOwner{0};
+std::atomic<pid_t> gOwner{getpid()};
 // Descriptor of the open log file, for such children; -1 when there is none.
 std::atomic<int> gFileDescriptor{-1};
 
 bool ownsLogger() {
-  pid_t owner = gOwner.load(std::memory_order_relaxed);
-  const pid_t self = getpid();
-  if (owner == 0 && gOwner.compare_exchange_strong(owner, self)) return true;
-  return owner == self;
+  const pid_t owner = gOwner.load(std::memory_order_relaxed);
+  return owner == 0 || owner == getpid();  // 0: before the static initialisation
 }
 
 // Writes the escaped form of @p text with @p put(character), without allocating.
@@ -143,6 +141,7 @@ void writeFromOwner(int level, const char* source, int line, const char* func,
 
 void setLogSink(LogSink sink) {
   const std::lock_guard<std::mutex> lock(gMutex);
+  gOwner = getpid();
   gSink = std::move(sink);
 }
 

@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -32,6 +34,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kChrootMountFolder = "/mnt/xcode-iso";
 constexpr int kLoopAttempts = 8;
+constexpr int kMaxMirrorDepth = 8;
 constexpr unsigned long kMountFlags = MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC;
 
 struct DiscFileSystem {
@@ -80,7 +83,45 @@ bool mountByKernel(const std::string& iso, const std::string& mountPoint) {
 }
 
 bool mountByFuse(const std::string& iso, const std::string& mountPoint) {
-  return succeeded(runProgram({"fuseiso", iso, mountPoint, "-o", "ro,nosuid,nodev"}));
+  return succeeded(runProgram({"fuseiso", "-n", iso, mountPoint, "-o", "ro,nosuid,nodev"}));
+}
+
+// The FUSE file system shows plain ISO 9660 names in lower case, but the files of a DVD are
+// looked for in upper case. A folder of links beside the mount point puts that right.
+std::string namesFolder(const std::string& mountPoint) {
+  return mountPoint + ".names";
+}
+
+std::string upperCase(std::string name) {
+  std::transform(name.begin(), name.end(), name.begin(),
+                 [](unsigned char c) { return static_cast<char>(toupper(c)); });
+  return name;
+}
+
+bool holdsLowerCaseDisc(const std::string& folder) {
+  return access((convertFolderPath(folder) + "video_ts/video_ts.ifo").c_str(), F_OK) == 0;
+}
+
+// Mirrors a tree as folders and relative links, so that it also holds in a chroot.
+void mirrorInUpperCase(const fs::path& from, const fs::path& to, int depth) {
+  std::error_code failed;
+  if (depth > kMaxMirrorDepth || !fs::create_directory(to, failed)) return;
+  for (const auto& entry : fs::directory_iterator(from, failed)) {
+    const fs::path name = upperCase(entry.path().filename().string());
+    if (entry.is_directory(failed)) {
+      mirrorInUpperCase(entry.path(), to / name, depth + 1);
+    } else {
+      fs::create_symlink(entry.path().lexically_relative(to), to / name, failed);
+    }
+  }
+}
+
+void correctNames(const std::string& mountPoint) {
+  std::error_code failed;
+  bool lowerCase = holdsLowerCaseDisc(mountPoint);
+  for (const auto& entry : fs::directory_iterator(mountPoint, failed))
+    lowerCase = lowerCase || holdsLowerCaseDisc(entry.path().string());
+  if (lowerCase) mirrorInUpperCase(mountPoint, namesFolder(mountPoint), 0);
 }
 
 // A new folder "PID_XXXXXX", so that a later process can tell whose it is.
@@ -96,12 +137,16 @@ std::string mountBelow(const std::string& folder, const std::string& iso) {
   if (stat(iso.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
   const std::string mountPoint = makeMountPoint(folder);
   if (mountPoint.empty()) return {};
-  if (mountByKernel(iso, mountPoint) || mountByFuse(iso, mountPoint)) return mountPoint;
+  if (mountByKernel(iso, mountPoint) || mountByFuse(iso, mountPoint)) {
+    correctNames(mountPoint);
+    return mountPoint;
+  }
   rmdir(mountPoint.c_str());
   return {};
 }
 
 bool releaseMount(const std::string& mountPoint) {
+  myremove(namesFolder(mountPoint).c_str());
   bool released = umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW) == 0;
   if (!released && errno == EBUSY)
     released = umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH) == 0;
@@ -151,7 +196,7 @@ int releaseStaleIsoMounts() {
   for (const auto& entry : fs::directory_iterator(isoMountFolder(), failed)) {
     const pid_t owner = ownerOf(entry.path().filename().string());
     const bool gone = owner > 0 && kill(owner, 0) != 0 && errno == ESRCH;
-    if (gone) stale.push_back(entry.path().string());
+    if (gone && entry.path().extension() != ".names") stale.push_back(entry.path().string());
   }
   for (const std::string& mountPoint : stale) {
     if (releaseMount(mountPoint)) ++released;
@@ -193,7 +238,11 @@ int chrootUmountIso(const char* chrootPath, const char* pathInChroot) {
 
 int parseMountedFolder_v2(const char* mountPoint, char* folder, int size) {
   if (mountPoint == nullptr || *mountPoint == '\0') return 1;
-  const std::string root = convertFolderPath(mountPoint);
+  std::string path = mountPoint;
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  std::error_code failed;
+  const bool corrected = std::filesystem::is_directory(kxhost::namesFolder(path), failed);
+  const std::string root = convertFolderPath(corrected ? kxhost::namesFolder(path) : path);
   const std::string disc = kxhost::findDiscFolder(root);
   const int copied = kxhost::copyPath(disc.empty() ? root : disc, folder, size);
   return copied != 0 || disc.empty() ? 1 : 0;
