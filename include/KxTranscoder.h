@@ -2,6 +2,7 @@
 /// @file
 /// Video transcodes: their parameters, the built-in profiles and the object that runs one.
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <list>
@@ -123,28 +124,42 @@ extern const AudioConfigEntry gMusicBGTransConfig[2];
 extern const char* const gSupportSubtitle[2];
 
 /// Copies the piped output of an encoder into a stream while the encoder runs.
+///
+/// Used once: init(), start(), then finish() when the encoder has exited, or stop() to abandon
+/// the copy, then destruction. All calls come from one thread. Until the object is destroyed
+/// the destination belongs to the copying thread.
 class FileOutputHelper {
  public:
   FileOutputHelper();
+  /// Waits for the copying thread; it ends only after finish() or stop(), or when the source
+  /// could not be opened.
   ~FileOutputHelper();
   FileOutputHelper(const FileOutputHelper&) = delete;
   FileOutputHelper& operator=(const FileOutputHelper&) = delete;
+  /// @param source path of the pipe or file that the encoder writes; need not exist yet
+  /// @param destination receives the copy; stays the caller's, who closes it after destruction
+  /// @return 0, or 1 when either is missing
   int init(std::string source, FILE* destination);
+  /// Starts the copying thread. It waits up to 90 seconds for the source to appear.
+  /// @return 0, or 1 without a successful init() or when there is no thread to be had
   int start();
+  /// Ends the copy where it is. @return 0
   int stop();
+  /// Lets the thread copy what is left and end at the first read that gives nothing. Called
+  /// before the thread has read anything it ends the copy at once. @return 0
   int finish();
 
  private:
   friend void* FileOutputHelperFunc(void* arg);
   std::string m_source;
   FILE* m_destination;
-  volatile bool m_keep;
+  std::atomic<bool> m_keep;  ///< the copy may go on
   bool m_started;
-  volatile bool m_finishing;
+  std::atomic<bool> m_finishing;  ///< the encoder is done: drain and end
   pthread_t m_tid;
 };
 
-/// Thread routine of FileOutputHelper.
+/// Thread routine of FileOutputHelper. @param arg the FileOutputHelper
 void* FileOutputHelperFunc(void* arg);
 
 /// Runs one video transcode: construct, init() once, start an engine with transcode(), follow
