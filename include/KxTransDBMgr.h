@@ -122,6 +122,10 @@ class KxTransDBMgr {
   int swapDBJobOrder(long long id1, long long id2);
   /// Lets two jobs exchange their add times. Fails without writing when one is missing.
   int swapDBJobAddTime(long long id1, long long id2);
+  /// @return the row with an id; empty when there is none.
+  std::vector<KxDBTask> getDBJobById(int64_t id);
+  /// @return the rows of one source, the oldest first.
+  std::vector<KxDBTask> getDBJobBySource(const std::string& src);
   /// One page of the queue, at most 1000 rows; `orderBy` is a column name of `JobTable`.
   /// Exact for one status at a time: with several, a filter for insert or media type applies
   /// to the last status only, and a media type with every status needs an insert type.

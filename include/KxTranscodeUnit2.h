@@ -83,6 +83,13 @@ class KxTranscodeUnit2 {
   /// Number of runners that have not left yet.
   int getLiveRunners() const;
 
+  /// Told of every run that has left its unit, so that a host need not keep asking.
+  using LeaveListener = void (*)(void* context);
+  /// Sets the one listener of the process; null for none. It is called on the runner's thread
+  /// after its last act on the unit, without any lock of the library but one of its own, and
+  /// has to be quick. When this returns, the earlier listener is not called any more.
+  static void setLeaveListener(LeaveListener listener, void* context);
+
   // For the runner thread, in this order: beginRun() once, waitForTurn(), any of the others,
   // leave() once, on every path.
 
@@ -113,6 +120,7 @@ class KxTranscodeUnit2 {
 
   int change(UnitCall call, const char* function);
   int launchRunnerLocked();
+  void leaveQuietly(unsigned generation);
   void writeBackAsWaitingLocked();
   KxUnitState_e stateForLocked(unsigned generation) const;
   bool isNewestLocked(unsigned generation) const;

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <ctime>
 #include <map>
+#include <mutex>
 
 #include "KxTransDBMgr.h"
 #include "Misc.h"
@@ -22,6 +23,17 @@ namespace {
 std::atomic<UnitThreadRoutine> gThreadRoutine{unitBGTranscodeThread};
 
 constexpr auto kNoThread = static_cast<pthread_t>(-1);
+
+struct {
+  std::mutex mutex;
+  KxTranscodeUnit2::LeaveListener listener = nullptr;
+  void* context = nullptr;
+} gLeave;
+
+void tellLeft() {
+  const std::lock_guard<std::mutex> lock(gLeave.mutex);
+  if (gLeave.listener != nullptr) gLeave.listener(gLeave.context);
+}
 
 template <class Body>
 int withMutex(pthread_mutex_t& mutex, const char* function, Body body) {
@@ -338,7 +350,19 @@ void KxTranscodeUnit2::setProgress(unsigned generation, int percent) {
   if (isNewestLocked(generation)) m_progress = std::clamp(percent, 0, 100);
 }
 
+void KxTranscodeUnit2::setLeaveListener(LeaveListener listener, void* context) {
+  const std::lock_guard<std::mutex> lock(gLeave.mutex);
+  gLeave.listener = listener;
+  gLeave.context = context;
+}
+
 void KxTranscodeUnit2::leave(unsigned generation) {
+  leaveQuietly(generation);
+  // From here on the unit may be gone.
+  tellLeft();
+}
+
+void KxTranscodeUnit2::leaveQuietly(unsigned generation) {
   const UnitLock lock(m_mutex);
   if (isNewestLocked(generation)) {
     if (m_status == UNIT_START || m_status == UNIT_STOP) m_status = UNIT_FINISH;

@@ -1,0 +1,144 @@
+#include "daemon/Recovery.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <vector>
+
+#include "KxHostPlatform.h"
+#include "Misc.h"
+#include "daemon/LibraryLocks.h"
+#include "frame/Log.h"
+#include "frame/UniqueFd.h"
+
+namespace xcoded {
+namespace {
+
+constexpr const char* kLogSource = "xcoded";
+constexpr long long kClockSlack = 2;  // seconds that start times and name times may disagree
+
+struct CloseDir {
+  void operator()(DIR* folder) const { closedir(folder); }
+};
+
+// Seconds since the epoch at which the machine started.
+std::optional<long long> bootTime() {
+  std::ifstream stat("/proc/stat");
+  std::string line;
+  while (std::getline(stat, line))
+    if (line.rfind("btime ", 0) == 0) return atoll(line.c_str() + 6);
+  return std::nullopt;
+}
+
+// Seconds since the epoch at which a process started; nothing when there is no such process.
+std::optional<long long> startTime(long long pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  if (!std::getline(file, text)) return std::nullopt;
+  // The program's name may hold blanks and parentheses, so fields are counted behind it.
+  std::istringstream fields(text.substr(text.rfind(')') + 1));
+  std::string field;
+  for (int number = 3; number <= 22; ++number)
+    if (!(fields >> field)) return std::nullopt;
+  const std::optional<long long> boot = bootTime();
+  if (!boot) return std::nullopt;
+  return *boot + atoll(field.c_str()) / sysconf(_SC_CLK_TCK);
+}
+
+UniqueFd openFolder(int parent, const std::string& name, int extraFlags) {
+  return UniqueFd(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | extraFlags));
+}
+
+// Calls back with the leftovers in a folder.
+void forEachLeftover(UniqueFd folder, const std::function<void(int, const std::string&)>& found) {
+  if (!folder) return;
+  std::unique_ptr<DIR, CloseDir> stream(fdopendir(folder.get()));
+  if (!stream) return;
+  const int fd = folder.release();
+  std::vector<std::string> names;
+  while (const dirent* entry = readdir(stream.get()))
+    if (isLeftover(entry->d_name)) names.emplace_back(entry->d_name);
+  for (const std::string& name : names) found(fd, name);
+}
+
+// The folder belongs to a user, who may have put a link in place of any part of it.
+void cleanTempBeside(const std::string& sourceFolder) {
+  const UniqueFd source = openFolder(AT_FDCWD, sourceFolder, 0);
+  if (!source) return;
+  const UniqueFd thumb = openFolder(source.get(), ".@__thumb", O_NOFOLLOW);
+  if (!thumb) return;
+  forEachLeftover(
+      openFolder(thumb.get(), "temp", O_NOFOLLOW), [&](int folder, const std::string& name) {
+        KX_LOG_LEVEL(4, "remove leftover %s of %s\n", name.c_str(), sourceFolder.c_str());
+        if (unlinkat(folder, name.c_str(), 0) != 0)
+          KX_LOG_ERRNO("remove leftover %s fail", name.c_str());
+      });
+}
+
+void cleanWorkFolders() {
+  std::string disk;
+  if (miscGetHDDPath(disk) != 0) return;
+  const std::string parent = convertFolderPath(disk) + ".system/transcode/";
+  forEachLeftover(openFolder(AT_FDCWD, parent, O_NOFOLLOW), [&](int, const std::string& name) {
+    KX_LOG_LEVEL(4, "remove leftover %s%s\n", parent.c_str(), name.c_str());
+    if (myremove((parent + name).c_str()) != 0)
+      KX_LOG_LEVEL(3, "remove leftover %s%s fail\n", parent.c_str(), name.c_str());
+  });
+}
+
+std::vector<KxDBTask> runningRows() {
+  const KxDBGetJobParam running(1UL << JOB_RUNNING, 1000, "Id", 0, true, -1, 0);
+  StoreLock lock;
+  return KxTransDBMgr::getInstance()->getDBJob(running);
+}
+
+void putBack(const std::vector<KxDBTask>& rows) {
+  KxTransDBMgr* store = KxTransDBMgr::getInstance();
+  StoreLock lock;
+  for (const KxDBTask& row : rows) {
+    KX_LOG_LEVEL(4, "job %lld was running when the service ended, it waits again\n",
+                 static_cast<long long>(row.param.id));
+    KxDBTaskParam job = row.param;
+    job.status = JOB_WAITING;
+    job.dateStart = 0;
+    job.dateFinish = 0;
+    store->updateDBJobDateStart(job);
+    store->updateDBJobDateFinish(job);
+    store->updateDBJobStatus(job);
+  }
+}
+
+}  // namespace
+
+bool isLeftover(const std::string& name) {
+  static const std::regex form("^([0-9]{1,10})_[0-9-]+_([0-9]{1,15})_[0-9a-f]{6}.*");
+  std::smatch parts;
+  if (!std::regex_match(name, parts, form)) return false;
+  const std::optional<long long> started = startTime(atoll(parts[1].str().c_str()));
+  return !started || *started > atoll(parts[2].str().c_str()) + kClockSlack;
+}
+
+void recoverFromCrash() {
+  cleanWorkFolders();
+  // Only jobs that were running have temporary files, and a runner removes its files before
+  // it changes its row; so the files go first, and a crash in here loses nothing.
+  std::set<std::string> cleaned;
+  for (std::vector<KxDBTask> rows = runningRows(); !rows.empty(); rows = runningRows()) {
+    for (const KxDBTask& row : rows) {
+      const std::string folder = row.param.src.substr(0, row.param.src.rfind('/') + 1);
+      if (cleaned.insert(folder).second) cleanTempBeside(folder);
+    }
+    putBack(rows);
+  }
+}
+
+}  // namespace xcoded

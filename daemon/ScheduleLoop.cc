@@ -1,0 +1,207 @@
+#include "daemon/ScheduleLoop.h"
+
+#include <algorithm>
+
+#include "KxAbstractTranscodeSvr.h"
+#include "KxHostPlatform.h"
+#include "daemon/LibraryLocks.h"
+#include "daemon/VolumeRoom.h"
+#include "daemon/WaitingRows.h"
+#include "frame/Log.h"
+
+namespace xcoded {
+namespace {
+
+constexpr const char* kLogSource = "xcoded";
+constexpr std::chrono::seconds kHouseKeeping{5};
+constexpr std::chrono::seconds kResourceCount{60};
+constexpr std::chrono::seconds kYoung{5};  // until a unit's memory shows in the free memory
+constexpr int kMaxSkipped = 4096;          // rows without room that one round looks at
+
+void onRunnerLeft(void* loop) {
+  static_cast<ScheduleLoop*>(loop)->notify();
+}
+
+}  // namespace
+
+ScheduleLoop::ScheduleLoop(Server server, int maxUnits)
+    : m_server(std::move(server)), m_configuredUnits(maxUnits) {}
+
+ScheduleLoop::~ScheduleLoop() {
+  if (m_thread.joinable()) stop(std::chrono::seconds(0));
+}
+
+void ScheduleLoop::start() {
+  KxTranscodeUnit2::setLeaveListener(onRunnerLeft, this);
+  m_thread = std::thread([this] { run(); });
+}
+
+void ScheduleLoop::notify() {
+  MutexLock lock(m_mutex);
+  m_isNotified = true;
+  m_changed.notify_all();
+}
+
+std::future<std::string> ScheduleLoop::submit(StopOperation operation) {
+  OpenOperation open;
+  open.operation = std::move(operation);
+  std::future<std::string> result = open.result.get_future();
+  MutexLock lock(m_mutex);
+  if (m_isStopping) {
+    open.result.set_value("the service is ending");
+    return result;
+  }
+  m_submitted.push_back(std::move(open));
+  m_isNotified = true;
+  m_changed.notify_all();
+  return result;
+}
+
+bool ScheduleLoop::stop(std::chrono::milliseconds limit) {
+  {
+    MutexLock lock(m_mutex);
+    m_isStopping = true;
+    m_changed.notify_all();
+  }
+  if (m_thread.joinable()) m_thread.join();
+  stopAllUnits();
+  const bool allEnded = waitForUnits(limit);
+  settleOperations();
+  KxTranscodeUnit2::setLeaveListener(nullptr, nullptr);
+  return allEnded;
+}
+
+bool ScheduleLoop::waitForUnits(std::chrono::milliseconds limit) {
+  const Clock::time_point deadline = Clock::now() + limit;
+  for (;;) {
+    {
+      MutexLock lock(m_mutex);
+      m_isNotified = false;
+    }
+    reapUnits();
+    if (unitJobs().empty()) return true;
+    MutexLock lock(m_mutex);
+    while (!m_isNotified)
+      if (m_changed.wait_until(m_mutex, deadline) == std::cv_status::timeout) return false;
+  }
+}
+
+void ScheduleLoop::run() {
+  while (waitForWork()) {
+    reapUnits();
+    keepHouse();
+    endPauseInTime();
+    settleOperations();
+    startJobs();
+  }
+}
+
+bool ScheduleLoop::waitForWork() {
+  Clock::time_point wakeUp = m_nextHouseKeeping;
+  if (const auto pauseEnd = m_server.pauseEnd()) wakeUp = std::min(wakeUp, *pauseEnd);
+  MutexLock lock(m_mutex);
+  while (!m_isNotified && !m_isStopping)
+    if (m_changed.wait_until(m_mutex, wakeUp) == std::cv_status::timeout) break;
+  m_isNotified = false;
+  m_open.splice(m_open.end(), m_submitted);
+  return !m_isStopping;
+}
+
+void ScheduleLoop::keepHouse() {
+  const Clock::time_point now = Clock::now();
+  if (now < m_nextHouseKeeping) return;
+  m_nextHouseKeeping = now + kHouseKeeping;
+  checkRegistrations();
+  requeueOrphans();
+  if (m_configuredUnits > 0) {
+    m_maxUnits = m_configuredUnits;
+  } else if (now >= m_nextResourceCount) {
+    m_nextResourceCount = now + kResourceCount;
+    m_maxUnits = defaultMaxUnits(MyUtil_GetCpuNum(), countHardwareResources());
+  }
+}
+
+void ScheduleLoop::endPauseInTime() {
+  const auto isOver = [this] {
+    const auto end = m_server.pauseEnd();
+    return end && *end <= Clock::now();
+  };
+  if (!isOver()) return;
+  KX_LOG("the pause is over\n");
+  resumeUnits(isOver, m_server.endPause);
+}
+
+void ScheduleLoop::settleOperations() {
+  {
+    MutexLock lock(m_mutex);
+    m_open.splice(m_open.end(), m_submitted);
+  }
+  for (auto open = m_open.begin(); open != m_open.end();) {
+    const JobFilter& matches = open->operation.matches;
+    if (!open->isStopping) stopUnits(matches);
+    open->isStopping = true;
+    reapUnits();
+    const std::vector<KxDBTaskParam> units = unitJobs();
+    if (std::any_of(units.begin(), units.end(), matches)) {
+      ++open;
+      continue;
+    }
+    std::string failure;
+    {
+      StoreLock store;
+      failure = open->operation.act();
+    }
+    open->result.set_value(failure);
+    open = m_open.erase(open);
+  }
+}
+
+bool ScheduleLoop::isHeld(const KxDBTaskParam& job) {
+  return std::any_of(m_open.begin(), m_open.end(),
+                     [&](const OpenOperation& open) { return open.operation.matches(job); });
+}
+
+int ScheduleLoop::slotsNow(const std::vector<KxDBTaskParam>& units) {
+  const Clock::time_point now = Clock::now();
+  std::map<int64_t, Clock::time_point> known;
+  SchedulerState state;
+  for (const KxDBTaskParam& job : units) {
+    const auto started = m_startTimes.find(job.id);
+    if (started == m_startTimes.end()) continue;
+    known.insert(*started);
+    if (now - started->second < kYoung) ++state.youngUnits;
+  }
+  m_startTimes = std::move(known);
+  state.svrStatus = m_server.status();
+  state.activeUnits = static_cast<int>(units.size());
+  state.maxUnits = m_maxUnits;
+  if (state.svrStatus != SVR_RUNNING || state.activeUnits >= state.maxUnits) return 0;
+  state.availableKb = availableMemoryKb();
+  return freeSlots(state);
+}
+
+void ScheduleLoop::startJobs() {
+  const std::vector<KxDBTaskParam> units = unitJobs();
+  int slots = slotsNow(units);
+  if (slots == 0) return;
+  RoomLedger room(volumeOfFile);
+  for (const KxDBTaskParam& job : units) room.reserve(job);
+  const auto isRunning = [this] { return m_server.status() == SVR_RUNNING; };
+  WaitingRows rows;
+  bool isDiskChecked = false;
+  while (slots > 0 && rows.skipped() < kMaxSkipped) {
+    const std::optional<KxDBTaskParam> job = rows.next();
+    if (!job) return;
+    // Asked only when there is something to start: a full disk is logged each time.
+    if (!isDiskChecked && m_server.isDiskFull()) return;
+    isDiskChecked = true;
+    if (isHeld(*job) || !room.reserve(*job) || !startUnit(job->id, isRunning)) {
+      rows.skip();
+      continue;
+    }
+    m_startTimes[job->id] = Clock::now();
+    --slots;
+  }
+}
+
+}  // namespace xcoded

@@ -1,0 +1,31 @@
+#include "daemon/VolumeRoom.h"
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <fstream>
+
+#include "KxHostPlatform.h"
+
+namespace xcoded {
+
+std::optional<Volume> volumeOfFile(const std::string& path) {
+  const std::string folder = path.substr(0, path.rfind('/') + 1);
+  struct stat info {};
+  struct statvfs room {};
+  if (stat(folder.c_str(), &info) != 0 || statvfs(folder.c_str(), &room) != 0) return std::nullopt;
+  return Volume{info.st_dev,
+                static_cast<int64_t>(room.f_frsize) * static_cast<int64_t>(room.f_bavail)};
+}
+
+int64_t availableMemoryKb() {
+  std::ifstream meminfo("/proc/meminfo");
+  std::string name;
+  int64_t value = 0;
+  std::string unit;
+  while (meminfo >> name >> value >> unit)
+    if (name == "MemAvailable:") return value;
+  return MyUtil_GetTotalMem();
+}
+
+}  // namespace xcoded
