@@ -159,15 +159,20 @@ int Commands::add(const AddOptions& options) {
                           {"subSize", options.subtitleSize},   {"subSeek", options.subtitleShift},
                           {"subColor", options.subtitleColor}, {"priority", options.priority}};
     if (!options.subtitle.empty()) job["subtitle"] = sourcePath(options.subtitle);
-    jobs.push_back(std::move(job));
+    // JSON is UTF-8; a file name is any bytes.
+    if (isUtf8(source))
+      job["src"] = source;
+    else
+      request.text(1, source);
+    jobs.emplace_back(source, request.json(job));
   }
   std::vector<int64_t> ids;
-  for (const auto& job : jobs) {
-    const Answer answer = m_client.demand(Request(KX_CMD_ADD_JOB).json(job));
+  for (const auto& [source, request] : jobs) {
+    const Answer answer = m_client.demand(request);
     ids.push_back(integer(answer.json(), "id", answer.number(2)));
     if (!m_json)
-      printf("Job %ld: %s -> %s\n", static_cast<long>(ids.back()),
-             fileName(string(job, "src")).c_str(), profileText(bits).c_str());
+      printf("Job %ld: %s -> %s\n", static_cast<long>(ids.back()), fileName(source).c_str(),
+             profileText(bits).c_str());
   }
   if (m_json && !options.wait) print({{"ids", ids}});
   if (!options.wait) return kExitOk;

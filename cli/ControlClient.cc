@@ -95,7 +95,7 @@ Answer ControlClient::demand(const Request& request) const {
   ExitCode code = kExitFailed;
   if (text.is_object()) {
     reason = text.value("error", reason);
-    if (text.value("denied", false)) code = kExitRefused;
+    if (reason == "permission denied") code = kExitRefused;
   }
   throw Failure(code, reason);
 }

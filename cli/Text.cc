@@ -121,6 +121,14 @@ std::string printable(const std::string& text) {
   return result;
 }
 
+bool isUtf8(const std::string& text) {
+  try {
+    return !nlohmann::json(text).dump().empty();
+  } catch (const nlohmann::json::exception&) {
+    return false;
+  }
+}
+
 std::string tableText(const std::vector<std::vector<std::string>>& rows) {
   std::vector<size_t> widths;
   for (const auto& row : rows) {

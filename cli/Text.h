@@ -28,6 +28,9 @@ std::string barText(int percent, int width);
 // Control characters replaced, so that a hostile file name cannot drive the terminal.
 std::string printable(const std::string& text);
 
+// Whether JSON can carry a text as it is.
+bool isUtf8(const std::string& text);
+
 // Rows of cells printed as aligned columns; the last column is not padded.
 std::string tableText(const std::vector<std::vector<std::string>>& rows);
 

@@ -208,6 +208,33 @@ TEST(Client, SendsTheProfilesAsRowBits) {
   EXPECT_NE(outcome.out.find("Job 5"), std::string::npos);
 }
 
+TEST(Client, SendsANameThatIsNotUtf8AsItIs) {
+  kxtest::TempDir dir;
+  const std::string path = dir / "caf\xe9.mp4";
+  kxtest::writeFile(path, "x");
+  std::string block;
+  nlohmann::json sent;
+  Service service(dir / "s.sock", [&](const KxSockData_s& request, KxSockData_s& answer) {
+    block = request.block[1];
+    sent = nlohmann::json::parse(request.block[KxSockData_s::kTextBlock]);
+    return sizeof answer;
+  });
+  EXPECT_EQ(xcodectl({"--socket", dir / "s.sock", "add", path, "-p", "original"}).exitCode, 0);
+  EXPECT_EQ(block, path);
+  EXPECT_FALSE(sent.contains("src"));
+}
+
+TEST(Client, TellsAMissingRightByItsExitStatus) {
+  kxtest::TempDir dir;
+  Service service(dir / "s.sock", [](const KxSockData_s&, KxSockData_s& answer) {
+    const int32_t failed = 1;
+    std::memcpy(answer.block[1], &failed, sizeof failed);
+    std::strcpy(answer.block[KxSockData_s::kTextBlock], R"({"error":"permission denied"})");
+    return sizeof answer;
+  });
+  EXPECT_EQ(xcodectl({"--socket", dir / "s.sock", "stop"}).exitCode, 4);
+}
+
 TEST(Client, PagesThroughLongLists) {
   kxtest::TempDir dir;
   Service service(dir / "s.sock", [](const KxSockData_s& request, KxSockData_s& answer) {
