@@ -48,6 +48,8 @@ class ChildProcess {
   pid_t pid() const { return m_pid; }
   bool valid() const { return m_pid > 0; }
   int stdoutFd() const { return m_stdout.get(); }
+  // Readable (POLLIN) once the child has ended; -1 when there is none.
+  int pidFd() const { return m_pidFd.get(); }
 
   // Wait status once the child has ended; it is reaped then and the result is kept.
   std::optional<int> poll();

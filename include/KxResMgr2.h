@@ -72,6 +72,9 @@ class KxResMgr2 {
   void cGroupAddPid(int pid);
   /// Puts the calling thread under the limits.
   void cGroupAddSelfThread();
+  /// True when children must be confined one by one with cGroupAddPid(); else they inherit
+  /// the group of the thread that starts them.
+  bool cGroupIsUnified() const { return m_cgroup.isUnified(); }
   /// @return percent of all processors, -1 when the controller is not ready
   int cGroupGetCpuLimit();
   /// @return kilobytes

@@ -1,0 +1,82 @@
+#include "resources/AudioJob.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "resources/RunnerLog.h"
+
+namespace runner {
+
+MusicTranscodeParam audioParam(const KxDBTaskParam& job, const TransConfigEntry& config) {
+  MusicTranscodeParam param;
+  param.m_inFile = job.src;
+  param.m_formatId = config.formatId;
+  param.m_aid = job.aid;
+  param.m_aCodecId = config.aCodecId;
+  param.m_aBitrate = config.aBitrate;
+  param.m_aChannel = config.aChannel;
+  param.m_aSampleRate = config.aSampleRate;
+  return param;
+}
+
+bool AudioJob::run(const TransConfigEntry& config) {
+  const auto refuse = [&](const std::string& fault) {
+    return m_run.fail(config.name + ": " + fault);
+  };
+  const int track = m_run.job().aid;
+  if (m_source.info.getAudioTrack(track).m_isEmpty)
+    return refuse("the source has no audio track " + std::to_string(track));
+  m_expected.audioTrack = track;
+  const std::string& base = m_run.source().folder;
+  const OutputFolder folder = OutputFolder::make(base, kAudioFolder);
+  if (!folder.valid()) {
+    const std::string path = base + kAudioFolder;
+    const std::string reason = strerror(errno);
+    KX_RUNNER_LOG("can not create music transcode foloder %s\n", path.c_str());
+    return refuse("cannot create the folder " + path + ": " + reason);
+  }
+  const std::string fault = convert(config, AudioPlacement(m_run.source(), folder));
+  return fault.empty() || refuse(fault);
+}
+
+std::string AudioJob::convert(const TransConfigEntry& config, const AudioPlacement& placement) {
+  std::string fault = placement.obstacle();
+  if (!fault.empty()) return fault;
+  const auto isUsable = [this](const std::string& path) {
+    return faultOfResult(m_run, m_source, m_expected, path).empty();
+  };
+  if (placement.reuse(m_source.stamp, isUsable)) return "";
+  TemporaryFile file(m_temp, ".mp3");
+  fault = encode(config, file);
+  if (fault.empty()) fault = faultOfSourceNow(m_run, m_source);
+  return fault.empty() ? placement.put(file) : fault;
+}
+
+std::string AudioJob::encode(const TransConfigEntry& config, TemporaryFile& file) {
+  MusicTranscodeParam param = audioParam(m_run.job(), config);
+  param.m_outFile = file.path();
+  KxMusicTranscoder transcoder;
+  const Cleanup cleanup([&] { return transcoder.getProgressLogPath(); });
+  if (transcoder.init(param) != 0) {
+    KX_RUNNER_LOG("musicTranscoder for %s init fail\n", m_run.job().src.c_str());
+    return "the transcoder could not be set up";
+  }
+  const KxStream video = m_source.info.getVideoTrack(m_run.job().vid);
+  const KxRegInfo info = registrationInfo(m_run, video.m_width, video.m_height);
+  return tryResources(m_run, info,
+                      [&](KxResource2& resource) { return encodeOn(resource, transcoder, file); });
+}
+
+Attempt AudioJob::encodeOn(KxResource2& resource, KxMusicTranscoder& transcoder,
+                           TemporaryFile& file) {
+  file.clear();
+  m_run.showProgress(0);
+  std::string fault =
+      runChild(m_run, {"encoder", [&] { return transcoder.transcode(resource, true); },
+                       [&] { return transcoder.getProgress(); }, transcoder.getProgressLogPath(),
+                       file.path()});
+  if (fault.empty()) fault = faultOfResult(m_run, m_source, m_expected, file.path());
+  return {fault.empty(), fault};
+}
+
+}  // namespace runner

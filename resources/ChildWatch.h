@@ -1,0 +1,41 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "frame/ChildProcess.h"
+#include "resources/JobRun.h"
+
+namespace runner {
+
+// How a child of a job ended.
+struct ChildEnd {
+  enum class Kind { Success, Failure, Stalled, Stopped };
+  Kind kind = Kind::Failure;
+  int result = 0;  // exit code or signal number of a failure
+
+  bool ok() const { return kind == Kind::Success; }
+  // For people, as "exit code or signal 1"; empty for a success.
+  std::string text() const;
+};
+
+// What is watched while a child runs.
+struct WatchPoints {
+  std::function<int()> percent;    // may be empty; asked once a second
+  std::vector<std::string> files;  // log and output; growing or changing is progress
+};
+
+// Follows a child that miscLaunchCmdNoWait started until it ends, on its pidfd and the unit's
+// notification. The unit shows its pid and its progress. A stop or a suspension of the unit,
+// and STALL_SEC seconds without progress, end the child with SIGTERM and, when that does not
+// help, SIGKILL.
+ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points);
+
+// Tells the child to end because the unit was stopped, and waits until it has.
+void stopChild(ChildProcess& child);
+
+// The last line of an encoder's log that is no progress report; empty when there is none.
+std::string lastLogLine(const std::string& logPath);
+
+}  // namespace runner

@@ -1,0 +1,33 @@
+#include "resources/Conversion.h"
+
+#include "KxHostPlatform.h"
+
+namespace runner {
+
+std::string runChild(JobRun& run, const ChildStep& step) {
+  const int pid = step.start();
+  const std::string name = std::string("the ") + step.name;
+  if (pid <= 0) return name + " could not be started";
+  const ChildEnd end = followChild(run, pid, {step.percent, {step.log, step.output}});
+  if (end.ok()) return "";
+  const std::string line = lastLogLine(step.log);
+  return name + " " + end.text() + (line.empty() ? "" : ": " + line);
+}
+
+Cleanup::~Cleanup() {
+  std::string path = m_path();
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  if (!path.empty()) myremove(path.c_str());
+}
+
+std::string faultOfResult(JobRun& run, const ProbedSource& source, const ExpectedResult& expected,
+                          const std::string& result) {
+  return resultFault(result, source.facts, expected, [&run] { return !run.mustEnd(); });
+}
+
+std::string faultOfSourceNow(const JobRun& run, const ProbedSource& source) {
+  const auto now = stampOf(run.job().src);
+  return now && *now == source.stamp ? "" : "the source was changed meanwhile";
+}
+
+}  // namespace runner

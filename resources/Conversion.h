@@ -1,0 +1,57 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "KxMediainfo.h"
+#include "KxResource2.h"
+#include "KxTranscoder.h"
+#include "resources/ChildWatch.h"
+#include "resources/JobRun.h"
+#include "resources/OutputPlacement.h"
+#include "resources/ResourceUse.h"
+#include "resources/ResultCheck.h"
+
+// What the conversions of one source to its several profiles share.
+
+namespace runner {
+
+// The source of a job as it was when the job began.
+struct ProbedSource {
+  SourceStamp stamp;
+  KxMediaInfo info;
+  SourceFacts facts;
+};
+
+// One child program of an attempt.
+struct ChildStep {
+  const char* name;  // for people: "encoder"
+  std::function<int()> start;
+  std::function<int()> percent;  // may be empty
+  std::string log;               // of the child
+  std::string output;            // of the child
+};
+
+// Starts a child, follows it, and tells what went wrong; empty when nothing did.
+std::string runChild(JobRun& run, const ChildStep& step);
+
+// Removes a path with all it holds when it goes.
+class Cleanup {
+ public:
+  explicit Cleanup(std::function<std::string()> path) : m_path(std::move(path)) {}
+  ~Cleanup();
+  Cleanup(const Cleanup&) = delete;
+  Cleanup& operator=(const Cleanup&) = delete;
+
+ private:
+  std::function<std::string()> m_path;
+};
+
+// Judges a result against the source that it was made from.
+std::string faultOfResult(JobRun& run, const ProbedSource& source, const ExpectedResult& expected,
+                          const std::string& result);
+// Why a finished result must not be put in place after all: the source is another by now.
+std::string faultOfSourceNow(const JobRun& run, const ProbedSource& source);
+
+}  // namespace runner
