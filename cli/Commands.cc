@@ -151,13 +151,19 @@ int Commands::add(const AddOptions& options) {
   uint64_t bits = profileBits(options.profiles);
   if (options.allProfiles) bits = (uint64_t{1} << profileNames().size()) - 1;
   if (bits == 0) throw Failure(kExitUsage, "Name the wanted profiles with --profile, or use --all");
-  std::vector<nlohmann::json> jobs;
+  std::vector<std::pair<std::string, Request>> jobs;
   for (const std::string& file : options.files) {
-    nlohmann::json job = {{"src", sourcePath(file)},           {"jobFlag", bits},
-                          {"rotation", options.rotation},      {"aid", options.audioTrack},
-                          {"vid", options.videoTrack},         {"sid", options.subtitleTrack},
-                          {"subSize", options.subtitleSize},   {"subSeek", options.subtitleShift},
-                          {"subColor", options.subtitleColor}, {"priority", options.priority}};
+    const std::string source = sourcePath(file);
+    Request request(KX_CMD_ADD_JOB);
+    nlohmann::json job = {{"jobFlag", bits},
+                          {"rotation", options.rotation},
+                          {"aid", options.audioTrack},
+                          {"vid", options.videoTrack},
+                          {"sid", options.subtitleTrack},
+                          {"subSize", options.subtitleSize},
+                          {"subSeek", options.subtitleShift},
+                          {"subColor", options.subtitleColor},
+                          {"priority", options.priority}};
     if (!options.subtitle.empty()) job["subtitle"] = sourcePath(options.subtitle);
     // JSON is UTF-8; a file name is any bytes.
     if (isUtf8(source))
