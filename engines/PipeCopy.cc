@@ -56,10 +56,11 @@ bool PipeCopy::copy(int source) const {
   do {
     if (m_finishing && count < 1) return true;
     count = read(source, buffer, sizeof buffer);
-    if (count > 0)
+    if (count > 0) {
       write(buffer, static_cast<size_t>(count));
-    else
+    } else {
       std::this_thread::sleep_for(kIdle);
+    }
   } while (m_keep);
   return false;
 }

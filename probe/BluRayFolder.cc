@@ -53,17 +53,19 @@ void KxBd::addStream(const std::string& streamPath, const std::string& name) {
     return;
   }
   const kxBD_s stream{streamPath, name, name.substr(0, name.rfind('.')), *size};
-  if (!m_bdMap.emplace(name, stream).second)
+  if (!m_bdMap.emplace(name, stream).second) {
     KX_LOG_AS(kFunc, "%s is already added in map, shouldn't happen this situation.\n",
               name.c_str());
+  }
 }
 
 int KxBd::chooseSample() {
   static constexpr const char* kFunc = "init";
-  for (const auto& [key, stream] : m_bdMap)
+  for (const auto& [key, stream] : m_bdMap) {
     KX_LOG_AS(kFunc, "the map key %s, streamPath=%s, streamName=%s, streamIdx=%s, size=%ld\n",
               key.c_str(), stream.streamPath.c_str(), stream.streamName.c_str(),
               stream.streamIdx.c_str(), stream.size);
+  }
   const auto biggest =
       std::max_element(m_bdMap.begin(), m_bdMap.end(),
                        [](const auto& a, const auto& b) { return a.second.size < b.second.size; });

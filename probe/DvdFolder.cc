@@ -119,12 +119,13 @@ void KxDvd::addPart(const std::string& folder, const std::string& name) {
 
 int KxDvd::chooseSample() {
   static constexpr const char* kFunc = "init";
-  for (const auto& [key, set] : m_dvdMap)
+  for (const auto& [key, set] : m_dvdMap) {
     KX_LOG_AS(kFunc,
               "the map key %s, VTS=%s, cntNo=%d, size=%ld, vobPath=%s, vobVTSPrefix=%s,"
               "vobSuffix=%s\n",
               key.c_str(), set.VTS.c_str(), set.cntNo, set.size, set.vobPath.c_str(),
               set.vobVTSPrefix.c_str(), set.vobSuffix.c_str());
+  }
   const auto biggest =
       std::max_element(m_dvdMap.begin(), m_dvdMap.end(),
                        [](const auto& a, const auto& b) { return a.second.size < b.second.size; });

@@ -18,13 +18,15 @@ extern "C" {
 }
 
 #include "KxMediainfo.h"
+#include "probe/AsfHeader.h"
 
 namespace kxprobe {
 namespace {
 
 constexpr const char* kProbeSize = "5000000";         // bytes
 constexpr const char* kAnalyzeDuration = "10000000";  // microseconds
-constexpr int64_t kMeasureLimit = 64LL << 20;         // bytes read to measure a length
+constexpr int64_t kMaxAspectTerm = 1024L * 1024;
+constexpr int64_t kMeasureLimit = 64LL << 20;  // bytes read to measure a length
 
 // Formats whose files name other files to open, or are programs.
 constexpr std::array<std::string_view, 13> kRefusedFormats = {
@@ -109,7 +111,8 @@ Fraction frameRate(const AVStream& stream) {
 Fraction displayAspect(int width, int height, Fraction sar) {
   if (!sar.known() || width <= 0 || height <= 0) return {};
   Fraction dar;
-  av_reduce(&dar.num, &dar.den, int64_t{width} * sar.num, int64_t{height} * sar.den, 1024 * 1024);
+  av_reduce(&dar.num, &dar.den, int64_t{width} * sar.num, int64_t{height} * sar.den,
+            kMaxAspectTerm);
   return dar.known() ? dar : Fraction{};
 }
 
@@ -190,6 +193,7 @@ bool FormatContext::open(const std::string& path) {
   // A failed open frees the context.
   if (avformat_open_input(&context, url.c_str(), nullptr, options.get()) < 0) return false;
   m_context.reset(context);
+  m_path = path;
   return true;
 }
 
@@ -238,7 +242,7 @@ StreamFacts FormatContext::streamFacts(AVStream& stream) const {
 
 PlayTime FormatContext::playTime() {
   const AVFormatContext& context = *m_context;
-  if (context.duration == AV_NOPTS_VALUE || context.duration <= 0) return measuredPlayTime();
+  if (context.duration == AV_NOPTS_VALUE || context.duration <= 0) return unstatedPlayTime();
 
   int64_t lengthUs = context.duration;
   Span tracks;
@@ -265,6 +269,12 @@ PlayTime FormatContext::playTime() {
   return {lengthUs / 1000, guessed ? KX_PLAYTIME_ESTIMATED : KX_PLAYTIME_STATED};
 }
 
+PlayTime FormatContext::unstatedPlayTime() {
+  if (std::string_view(m_context->iformat->name) == "asf")
+    if (const auto ms = asfPlayTimeMs(m_path)) return {*ms, KX_PLAYTIME_STATED};
+  return measuredPlayTime();
+}
+
 PlayTime FormatContext::measuredPlayTime() {
   const std::unique_ptr<AVPacket, PacketCloser> packet(av_packet_alloc());
   if (!packet) return {};
@@ -275,9 +285,10 @@ PlayTime FormatContext::measuredPlayTime() {
     const AVStream& stream = *m_context->streams[packet->stream_index];
     bytes += packet->size;
     const int64_t begin = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
-    if (begin != AV_NOPTS_VALUE && countsForLength(stream))
+    if (begin != AV_NOPTS_VALUE && countsForLength(stream)) {
       seen.add(toMicroseconds(begin, stream.time_base),
                toMicroseconds(begin + packet->duration, stream.time_base));
+    }
     av_packet_unref(packet.get());
   }
   // Only a whole file tells its length; anything but the end of file means that it was not.

@@ -40,9 +40,11 @@ class FormatContext {
   static int interrupted(void* self);
   StreamFacts streamFacts(AVStream& stream) const;
   PlayTime playTime();
+  PlayTime unstatedPlayTime();
   PlayTime measuredPlayTime();
 
   std::chrono::steady_clock::time_point m_deadline;
+  std::string m_path;
   std::unique_ptr<AVFormatContext, Closer> m_context;
 };
 

@@ -18,7 +18,6 @@
 static constexpr const char* kLogSource = "KxMediainfo";
 
 using kxprobe::ContainerFacts;
-using kxprobe::FileStamp;
 using kxprobe::FormatContext;
 using kxprobe::PlayTime;
 using kxprobe::StreamFacts;

@@ -222,7 +222,7 @@ TEST_F(Copy, AShortWriteIsLoggedAndTheCopyGoesOn) {
   const File full(fopen("/dev/full", "w"));
   ASSERT_TRUE(full);
   setvbuf(full.get(), nullptr, _IONBF, 0);
-  writeFile(source(), someBytes(3 * 8192));
+  writeFile(source(), someBytes(3UL * 8192));
   {
     FileOutputHelper helper;
     ASSERT_EQ(helper.init(source(), full.get()), 0);

@@ -15,6 +15,7 @@ extern "C" {
 }
 
 #include "KxMediainfo.h"
+#include "probe/AsfHeader.h"
 #include "probe/CodecNumbers.h"
 #include "probe/FactsCache.h"
 #include "probe/FormatContext.h"
@@ -45,13 +46,13 @@ class MediaInfo : public testing::Test {
   }
 
   std::string clip(const std::string& name, const std::vector<std::string>& options = {}) const {
-    const std::string path = m_dir / name;
+    std::string path = m_dir / name;
     makeClip(path, 320, 240, 1.0, options);
     return path;
   }
 
   std::string picture() const {
-    const std::string path = m_dir / "cover.png";
+    std::string path = m_dir / "cover.png";
     EXPECT_TRUE(run({"ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
                      "color=red:size=64x64", "-frames:v", "1", path}));
     return path;
@@ -557,6 +558,26 @@ TEST_F(MediaInfo, ACutFileStillStatesItsFullPlayTime) {
   const KxMediaInfo info = probe(path);
   EXPECT_NEAR(static_cast<double>(info.m_playTimeMs), 4000, 100);
   EXPECT_EQ(info.m_playTimeSource, KX_PLAYTIME_STATED);
+}
+
+TEST_F(MediaInfo, ACutAsfFileStillStatesItsFullPlayTime) {
+  const std::string path = m_dir / "clip.wmv";
+  makeClip(path, 320, 240, 4, {"-c:v", "wmv2", "-c:a", "wmav2"});
+  fs::resize_file(path, fs::file_size(path) / 3);
+  const KxMediaInfo info = probe(path);
+  EXPECT_EQ(info.m_duration, 0);
+  EXPECT_EQ(info.m_playTimeSource, KX_PLAYTIME_STATED);
+  EXPECT_NEAR(static_cast<double>(info.m_playTimeMs), 4000, 200);
+}
+
+TEST_F(MediaInfo, AHeaderThatIsCutStatesNothing) {
+  const std::string path = clip("clip.wmv", {"-c:v", "wmv2", "-c:a", "wmav2"});
+  EXPECT_TRUE(kxprobe::asfPlayTimeMs(path));
+  for (const size_t size : {size_t{0}, size_t{40}, size_t{100}}) {
+    fs::resize_file(path, size);
+    EXPECT_FALSE(kxprobe::asfPlayTimeMs(path)) << size;
+  }
+  EXPECT_FALSE(kxprobe::asfPlayTimeMs(m_dir / "gone.wmv"));
 }
 
 TEST_F(MediaInfo, ALengthGuessedFromTheBitRateIsCalledAGuess) {
