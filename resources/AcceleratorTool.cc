@@ -114,13 +114,18 @@ std::optional<std::vector<KxResource2>> AcceleratorTool::discover() const {
   return usableCards(*listed, *ids);
 }
 
+AcceleratorTool::Answer AcceleratorTool::answerOf(BoundedRun& run) {
+  Answer answer;
+  answer.result = run.wait(answer.text);
+  if (answer.text.size() > kMaxAnswer) answer.text.resize(kMaxAnswer);
+  return answer;
+}
+
 AcceleratorTool::Answer AcceleratorTool::ask(const std::vector<std::string>& args) const {
   std::vector<std::string> argv = {m_path};
   argv.insert(argv.end(), args.begin(), args.end());
-  Answer answer;
-  answer.result = BoundedRun(std::move(argv), m_limit).wait(answer.text);
-  if (answer.text.size() > kMaxAnswer) answer.text.resize(kMaxAnswer);
-  return answer;
+  BoundedRun run(std::move(argv), m_limit);
+  return answerOf(run);
 }
 
 // Side by side: a query of a sleeping card may take seconds.
@@ -130,11 +135,9 @@ AcceleratorTool::askForEach(const char* option, const std::vector<std::string>& 
   runs.reserve(ids.size());
   for (const std::string& id : ids)
     runs.emplace_back(std::vector<std::string>{m_path, option, id}, m_limit);
-  std::vector<Answer> answers(ids.size());
-  for (size_t i = 0; i < ids.size(); ++i) {
-    answers[i].result = runs[i].wait(answers[i].text);
-    if (answers[i].text.size() > kMaxAnswer) answers[i].text.resize(kMaxAnswer);
-  }
+  std::vector<Answer> answers;
+  answers.reserve(runs.size());
+  for (BoundedRun& run : runs) answers.push_back(answerOf(run));
   return answers;
 }
 
@@ -198,10 +201,11 @@ std::vector<KxResource2> AcceleratorTool::usableCards(const std::vector<ListedCa
                                                       const std::vector<std::string>& ids) const {
   std::vector<std::string> present;
   for (size_t i = 0; i < ids.size(); ++i) {
-    if (ids[i].empty())
+    if (ids[i].empty()) {
       LOG_CHECKRES("can't get id of card %d\n", static_cast<int>(i));
-    else
+    } else {
       present.push_back(ids[i]);
+    }
   }
 
   const std::vector<Answer> answers = askForEach("-s", present);

@@ -8,6 +8,8 @@
 
 #include "KxResource2.h"
 
+class BoundedRun;
+
 // The external program that knows the GPU cards: asks it and parses its answers. It knows
 // nothing of the resource list. Everything the program says is bounded: number and length of
 // lines, range of numbers, and the time it may take.
@@ -30,6 +32,7 @@ class AcceleratorTool {
   };
   struct ListedCard;
 
+  static Answer answerOf(BoundedRun& run);
   Answer ask(const std::vector<std::string>& args) const;
   std::vector<Answer> askForEach(const char* option, const std::vector<std::string>& ids) const;
   std::optional<std::vector<ListedCard>> list() const;

@@ -135,10 +135,11 @@ std::vector<KxResource2> KxResMgr2::getResVec() {
     return {};
   }
   std::vector<KxResource2> copy;
-  if (applyLook(*look) == 0)
+  if (applyLook(*look) == 0) {
     copy = m_resources->entries();
-  else
+  } else {
     KX_LOG("check resource fail");
+  }
   if (miscMutexUnLock(m_mutex) != 0) KX_LOG("KxResMgr mutex unlock fail");
   return copy;
 }

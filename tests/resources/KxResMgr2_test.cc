@@ -31,13 +31,14 @@ Ids idsOf(const std::vector<KxResource2>& resources) {
 
 // Each test runs in a process of its own, so each has a manager of its own.
 class KxResMgr2Test : public testing::Test {
- protected:
+ public:
   KxResMgr2Test() {
     AmpCgroup::setMountRoot(mount / "cgroup");
     setPlatform("X86_GENERIC");
   }
   ~KxResMgr2Test() override { AmpCgroup::setMountRoot("/sys/fs/cgroup"); }
 
+ protected:
   void setPlatform(const std::string& name) {
     root.write("/etc/platform.conf", "Platform = " + name + "\n");
   }
@@ -235,6 +236,7 @@ TEST_F(KxResMgr2Test, CallersAtTheSameTimeShareOneLook) {
   accel.hold("-s gpu0");
   std::vector<std::thread> callers;
   std::atomic<int> served{0};
+  callers.reserve(6);
   for (int i = 0; i < 6; ++i)
     callers.emplace_back([&] { served += manager().getResVec().size() == 2 ? 1 : 0; });
   ASSERT_TRUE(kxtest::waitUntil([&] { return accel.running("-s gpu0") == 1; }));

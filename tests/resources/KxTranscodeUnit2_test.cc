@@ -432,18 +432,16 @@ TEST(KxTranscodeUnit2, SurvivesQuickSuspendingAndResumingFromManyThreads) {
   KxDBTask task = job(7);
   ASSERT_EQ(unit.init(task), 0);
   ASSERT_EQ(unit.start(), 0);
+  const auto suspendAndResume = [&unit](int offset) {
+    for (int i = 0; i < 60; ++i) {
+      (i + offset) % 2 == 0 ? unit.pending() : unit.start();
+      const KxTranscodeUnit2 copy(unit);
+      EXPECT_GE(copy.getProgress(), 0);
+    }
+  };
   std::vector<std::thread> callers;
-  for (int caller = 0; caller < 3; ++caller)
-    callers.emplace_back([&unit, caller] {
-      for (int i = 0; i < 60; ++i) {
-        if ((i + caller) % 2 == 0)
-          unit.pending();
-        else
-          unit.start();
-        const KxTranscodeUnit2 copy(unit);
-        EXPECT_GE(copy.getProgress(), 0);
-      }
-    });
+  callers.reserve(3);
+  for (int offset : {0, 1, 2}) callers.emplace_back(suspendAndResume, offset);
   for (std::thread& caller : callers) caller.join();
   unit.start();
   EXPECT_EQ(unit.getState(), UNIT_START);

@@ -17,7 +17,7 @@ using kxtest::waitUntil;
 namespace {
 
 class UnitControl : public testing::Test {
- protected:
+ public:
   UnitControl() {
     AmpCgroup::setMountRoot(dir / "cgroup");
     root.write("/etc/platform.conf", "Platform = X86_GENERIC\n");
@@ -32,6 +32,7 @@ class UnitControl : public testing::Test {
     AmpCgroup::setMountRoot("/sys/fs/cgroup");
   }
 
+ protected:
   static KxResMgr2& manager() { return *KxResMgr2::getInstance(); }
   static std::vector<KxTranscodeUnit2> units() { return manager().getUnitVec(); }
   static std::vector<KxUnitState_e> states() {
@@ -303,31 +304,32 @@ TEST_F(UnitControl, DumpsUnitsBetweenItsLines) {
 }
 
 TEST_F(UnitControl, SurvivesOperationsFromManyThreadsWhileUnitsAreReaped) {
-  std::vector<std::thread> clients;
-  for (long long client = 0; client < 4; ++client)
-    clients.emplace_back([client] {
-      for (int round = 0; round < 25; ++round) {
-        KxDBTask task = job(1 + client);
-        KxResMgr2& shared = manager();
-        shared.mutexLock();
-        shared.createUnit(task);
+  const auto client = [](long long id) {
+    KxResMgr2& shared = manager();
+    for (int round = 0; round < 25; ++round) {
+      KxDBTask task = job(id);
+      shared.mutexLock();
+      shared.createUnit(task);
+      shared.unitStart(task);
+      if (round % 3 == 0) {
+        shared.unitPending(task);
         shared.unitStart(task);
-        if (round % 3 == 0) {
-          shared.unitPending(task);
-          shared.unitStart(task);
-        }
-        shared.mutexUnLock();
-        shared.mutexLock();
-        shared.unitStop(1 + client);
-        shared.getUnitVec();
-        shared.checkUnit();
-        shared.mutexUnLock();
       }
-    });
-  for (std::thread& client : clients) client.join();
+      shared.mutexUnLock();
+      shared.mutexLock();
+      shared.unitStop(id);
+      shared.getUnitVec();
+      shared.checkUnit();
+      shared.mutexUnLock();
+    }
+  };
+  std::vector<std::thread> clients;
+  clients.reserve(4);
+  for (long long id : {1, 2, 3, 4}) clients.emplace_back(client, id);
+  for (std::thread& one : clients) one.join();
   EXPECT_TRUE(waitUntil([&] {
     manager().checkUnit();
     return units().empty();
   }));
-  EXPECT_EQ(runners.left(), runners.begun());
+  EXPECT_TRUE(waitUntil([&] { return runners.left() == runners.begun(); }));
 }
