@@ -102,10 +102,14 @@ bool removeDatabase(const std::string& path) {
 }
 
 bool createSchema(sqlite3* db) {
+  Savepoint all(db);
   for (const char* statement : kTables)
     if (!runSql(db, statement, INIT_SITE)) return false;
-  return runSql(db, sqlText("INSERT INTO %s VALUES(%s);", "VersionTable", kSchemaVersion),
-                INIT_SITE);
+  if (!runSql(db, sqlText("INSERT INTO %s VALUES(%s);", "VersionTable", kSchemaVersion), INIT_SITE))
+    return false;
+  const auto error = all.release();
+  if (error) KX_LOG_SITE(INIT_SITE, "%s\n", error->c_str());
+  return !error;
 }
 
 SqliteHandle createNew(const std::string& path) {

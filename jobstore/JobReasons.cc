@@ -22,12 +22,15 @@ bool jobExists(sqlite3* db, int64_t id) {
 }  // namespace
 
 void createReasonTable(sqlite3* db, LogSite site) {
-  // Row ids are used again: a text that outlived its job would pass to a later one. The last
-  // statement forgets what was left by somebody who deleted jobs without the trigger.
+  // Row ids are used again: a text that outlived its job would pass to a later one. The
+  // triggers belong to this connection, so that the stored schema of the jobs stays as it is;
+  // what others delete meanwhile is caught by the second one and at the next start.
   for (const char* statement :
        {"CREATE TABLE IF NOT EXISTS JobReason (Id INTEGER PRIMARY KEY, Reason TEXT NOT NULL)",
-        "CREATE TRIGGER IF NOT EXISTS ForgetJobReason AFTER DELETE ON JobTable BEGIN "
+        "CREATE TEMP TRIGGER ForgetReasonOfDeletedJob AFTER DELETE ON main.JobTable BEGIN "
         "DELETE FROM JobReason WHERE Id = OLD.Id; END",
+        "CREATE TEMP TRIGGER ForgetReasonOfFormerJob AFTER INSERT ON main.JobTable BEGIN "
+        "DELETE FROM JobReason WHERE Id = NEW.Id; END",
         "DELETE FROM JobReason WHERE Id NOT IN (SELECT Id FROM JobTable)"})
     if (!runSql(db, statement, site)) return;
 }

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KxTransDBMgr.h"
+#include "tests/support/TestSupport.h"
+
+// A connection of the test's own to a database file.
+class OtherConnection {
+ public:
+  explicit OtherConnection(const std::string& path);
+
+  // Runs statements; throws when the engine refuses them.
+  void run(const std::string& sql) const;
+  // The rows of a query, columns joined by "|".
+  std::vector<std::string> rows(const std::string& sql) const;
+  std::string value(const std::string& sql) const;
+
+ private:
+  std::unique_ptr<sqlite3, int (*)(sqlite3*)> m_db;
+};
+
+// A job store on an empty database, with sources to queue and a media-library command that
+// writes down what it is told.
+class JobStoreTest : public testing::Test {
+ protected:
+  JobStoreTest();
+  ~JobStoreTest() override;
+
+  std::string dbPath() const { return folder / "jobs.db"; }
+  // An existing source file. Audio by its name, so that it is not probed.
+  std::string source(const std::string& name = "song.mp3", size_t bytes = 10) const;
+  KxDBTaskParam request(const std::string& src, uint64_t profiles = 1) const;
+  // Queues a job and returns its row.
+  KxDBTaskParam queue(const KxDBTaskParam& param);
+  KxDBTaskParam queueSource(const std::string& name, uint64_t profiles = 1);
+  // The whole queue in rank order.
+  std::vector<KxDBTaskParam> jobs();
+  KxDBTaskParam jobOf(const std::string& src);
+  std::vector<int64_t> ranks();
+  // "name:rank" of each job, in rank order.
+  std::vector<std::string> places();
+  void setStatus(int64_t id, int32_t status);
+
+  void installMediaLibrary() const;
+  // What the media library was told, oldest first: "path value".
+  std::vector<std::string> marks() const;
+  void forgetMarks() const;
+
+  kxtest::TempDir folder;
+  kxtest::PrivateRoot root;
+  kxtest::RecordingLog log;
+  KxTransDBMgr* const store = KxTransDBMgr::getInstance();
+};
