@@ -259,7 +259,7 @@ bool KxTranscoder::needsStripMetadata() {
 int KxTranscoder::workaroundStripMetadata(std::string output) {
   KX_LOG(
       "for bug#128126, do not know why sw ffmpeg can not strip metadataso we remux video again\n");
-  return miscLaunchCmdNoWait(engines::remuxCommand(staticFfmpeg(), output), "");
+  return miscLaunchCmdNoWait(engines::remuxCommand(staticFfmpeg(), output), m_progressLog);
 }
 
 int KxTranscoder::getProgress() {

@@ -43,6 +43,12 @@ std::vector<KxDBTask> allRows() {
   return LockedStore()->getDBJob(query);
 }
 
+KxDBTask taskOf(KxDBTaskParam job) {
+  KxDBTask task;
+  task.init(job);
+  return task;
+}
+
 std::vector<std::string> filesBelow(const std::string& folder) {
   std::vector<std::string> names;
   std::error_code ignored;
@@ -92,7 +98,9 @@ std::vector<std::string> RunnerWorld::mediaFiles() const {
 }
 
 void RunnerWorld::setEncoder(const std::string& body) {
-  m_root.script("/usr/local/medialibrary/bin/ffmpeg", body);
+  // What it can encode is asked of every version of it once.
+  m_root.script("/usr/local/medialibrary/bin/ffmpeg",
+                "case \"$*\" in *-encoders*) exec ffmpeg \"$@\" ;; esac\n" + body);
 }
 
 void RunnerWorld::setAgent(const std::string& body) {
@@ -135,8 +143,7 @@ KxDBTaskParam RunnerWorld::addJob(const std::string& source, uint64_t profiles,
 void RunnerWorld::start(const KxDBTaskParam& job) {
   KxDBTaskParam running = job;
   running.status = JOB_RUNNING;
-  KxDBTask task;
-  task.init(running);
+  KxDBTask task = taskOf(running);
   const Locked manager;
   manager->createUnit(task);
   LockedStore()->updateDBJobStatus(running);
@@ -193,10 +200,13 @@ void RunnerWorld::stop(int64_t id) {
 }
 
 void RunnerWorld::pending(const KxDBTaskParam& job) {
-  KxDBTaskParam copy = job;
-  KxDBTask task;
-  task.init(copy);
+  KxDBTask task = taskOf(job);
   Locked()->unitPending(task);
+}
+
+void RunnerWorld::resume(const KxDBTaskParam& job) {
+  KxDBTask task = taskOf(job);
+  Locked()->unitStart(task);
 }
 
 std::vector<std::string> RunnerWorld::leftovers() const {

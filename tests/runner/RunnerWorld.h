@@ -65,6 +65,7 @@ class RunnerWorld {
   bool waitForChild();
   void stop(int64_t id);
   void pending(const KxDBTaskParam& job);
+  void resume(const KxDBTaskParam& job);
   // Entries of the folders that only hold work in progress.
   std::vector<std::string> leftovers() const;
   size_t registrations();
