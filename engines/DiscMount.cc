@@ -19,6 +19,14 @@ std::string joinPath(std::string folder, const std::string& path) {
   return path.starts_with("/") ? folder + path : convertFolderPath(folder) + path;
 }
 
+// Folder of the disc's files; the mount itself for an image without a disc structure, which
+// is then probed as the folder that it is.
+std::string discFolder(const std::string& mountPoint) {
+  char folder[PATH_MAX] = "";
+  const bool found = parseMountedFolder_v2(mountPoint.c_str(), folder, sizeof folder) == 0;
+  return convertFolderPath(found && folder[0] != '\0' ? folder : mountPoint);
+}
+
 }  // namespace
 
 DiscMount::~DiscMount() {
@@ -44,11 +52,7 @@ int DiscMount::mountOnHost(const std::string& image) {
     return 1;
   }
   m_mountPoint = path;
-  // An image without a disc structure is probed as the folder that it is.
-  char folder[PATH_MAX] = "";
-  const bool resolved =
-      parseMountedFolder_v2(path, folder, sizeof folder) == 0 && folder[0] != '\0';
-  m_hostFolder = convertFolderPath(resolved ? folder : path);
+  m_hostFolder = discFolder(m_mountPoint);
   return 0;
 }
 
@@ -61,10 +65,7 @@ int DiscMount::mountInAddOn(const std::string& image) {
     return 1;
   }
   m_chrootMount = path;
-  const std::string mountFolder = convertFolderPath(m_mountPoint);
-  const std::string inside =
-      m_hostFolder.starts_with(mountFolder) ? m_hostFolder.substr(mountFolder.size()) : "";
-  m_addOnFolder = convertFolderPath(joinPath(m_chrootPath, m_chrootMount)) + inside;
+  m_addOnFolder = discFolder(joinPath(m_chrootPath, m_chrootMount));
   return 0;
 }
 

@@ -12,8 +12,6 @@ namespace engines {
 struct EngineNote {
   const char* function;
   std::string text;
-
-  bool operator==(const EngineNote&) const = default;
 };
 
 // Writes the notes to the log, in order, at level 5.

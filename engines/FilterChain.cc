@@ -130,7 +130,7 @@ class PicturePlan {
  public:
   PicturePlan(const TranscodeParam& param, const KxStream& video)
       : m_param(param), m_degree(transcodeDegree(param, video)),
-        m_mirrored(false),
+        m_mirrored(video.m_isMirrored && m_degree == video.m_rotation),
         m_sampleAspectKnown(aspectKnown(video)), m_source(upright({video.m_width, video.m_height})),
         m_wanted(plainResult(video)) {
     const bool storedShape = !m_sampleAspectKnown || param.m_noDAR;

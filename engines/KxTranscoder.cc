@@ -15,6 +15,7 @@
 #include "engines/SoftwareCommand.h"
 #include "engines/WorkFolder.h"
 #include "frame/Log.h"
+#include "probe/Folders.h"
 
 static constexpr const char* kLogSource = "KxTranscoder";
 
@@ -36,16 +37,12 @@ std::string staticFfmpeg() {
   return miscSystemPath(kFfmpegPath);
 }
 
-// The title's parts in order, joined for ffmpeg.
-std::string joinedTitle(const kxDVD_s& title) {
-  std::string input;
-  for (int part = 1; part <= title.cntNo; ++part) {
-    const std::string path = title.vobPath + title.vobVTSPrefix + "_" + title.VTS + "_" +
-                             std::to_string(part) + title.vobSuffix;
-    if (!exists(path)) continue;
-    input += (input.empty() ? "concat:" : "|") + path;
-  }
-  return input;
+// Index file in a sub-folder of a disc's top folder, in any letter case; empty when absent.
+std::string discIndex(const std::string& top, const char* folder, const char* name) {
+  const auto folderName = kxprobe::findEntry(top, folder);
+  const std::string path = folderName ? convertFolderPath(top) + *folderName : "";
+  const auto indexName = folderName ? kxprobe::findEntry(path, name) : std::nullopt;
+  return indexName ? path + "/" + *indexName : "";
 }
 
 }  // namespace
@@ -86,7 +83,7 @@ int KxTranscoder::openSource_() {
     m_inputInternal = m_discMount->hostFolder();
     m_inputOther = m_discMount->addOnFolder();
   }
-  openDisc_(convertFolderPath(m_inputInternal));
+  openDisc_(m_inputInternal);
   if (m_mediaInfo.init(m_inputInternal) != 0) {
     KX_LOG_AS("init", "mediainfo init fail\n");
     return 1;
@@ -95,12 +92,12 @@ int KxTranscoder::openSource_() {
 }
 
 void KxTranscoder::openDisc_(const std::string& folder) {
-  const std::string dvdIndex = folder + "VIDEO_TS/VIDEO_TS.IFO";
-  const std::string bluRayIndex = folder + "BDMV/index.bdmv";
+  const std::string dvdIndex = discIndex(folder, "VIDEO_TS", "VIDEO_TS.IFO");
+  const std::string bluRayIndex = discIndex(folder, "BDMV", "index.bdmv");
   m_disc = Disc::none;
-  if (exists(dvdIndex) && m_dvd.init(dvdIndex) == 0)
+  if (!dvdIndex.empty() && m_dvd.init(dvdIndex) == 0)
     m_disc = Disc::dvd;
-  else if (exists(bluRayIndex) && m_bd.init(bluRayIndex) == 0)
+  else if (!bluRayIndex.empty() && m_bd.init(bluRayIndex) == 0)
     m_disc = Disc::bluRay;
 }
 
@@ -141,12 +138,15 @@ int KxTranscoder::checkOutput_() const {
 std::string KxTranscoder::getSWFfmpegFilenameInput() {
   if (m_disc == Disc::bluRay) return m_bd.getSampleVideoPath();
   if (m_disc != Disc::dvd) return m_inputInternal;
-  const kxDVD_s& title = m_dvd.getSampleDvd();
-  if (title.vobPath.find('|') != std::string::npos) {
-    KX_LOG("can not join the parts in %s, its name holds the separator\n", title.vobPath.c_str());
-    return "";
+  std::string input;
+  for (const std::string& part : m_dvd.getTitleParts()) {
+    if (part.find('|') != std::string::npos) {
+      KX_LOG("can not join %s, its name holds the separator\n", part.c_str());
+      return "";
+    }
+    input += (input.empty() ? "concat:" : "|") + part;
   }
-  return joinedTitle(title);
+  return input;
 }
 
 int KxTranscoder::umountIso_() {
@@ -253,7 +253,7 @@ int KxTranscoder::getResizeBasedOnDAR_(int& outW, int& outH, int reqW, int reqH,
 
 bool KxTranscoder::needsStripMetadata() {
   const KxStream video = m_mediaInfo.getVideoTrack(m_param.m_vid);
-  return getTranscodeDegree_() != 0 || video.m_rotation != 0;
+  return getTranscodeDegree_() != 0 || video.m_rotation != 0 || video.m_isMirrored;
 }
 
 int KxTranscoder::workaroundStripMetadata(std::string output) {

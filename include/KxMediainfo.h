@@ -48,6 +48,7 @@ class KxStream {
   int32_t m_sar_den = 0;
   int32_t m_dar_num = 0;  ///< display aspect ratio of the coded picture, 0/0 unknown
   int32_t m_dar_den = 0;
+  bool m_isMirrored = false;  ///< the display matrix flips the picture besides turning it
 };
 
 /// Container kinds (`KxMediaInfo::m_formatId`).

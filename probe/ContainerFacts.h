@@ -34,6 +34,7 @@ struct StreamFacts {
   Fraction dar;
   std::optional<std::string> rotateTag;
   std::optional<int> matrixDegrees;  // clockwise, 0 to 359
+  bool matrixMirrors = false;        // the display matrix flips the picture besides
 
   bool isTrack() const { return !coverArt; }
 };

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <string_view>
 #include <vector>
@@ -132,6 +133,15 @@ std::optional<int> matrixDegrees(const AVStream& stream) {
   return degrees < 0 ? degrees + 360 : degrees;
 }
 
+bool matrixMirrors(const AVStream& stream) {
+  size_t size = 0;
+  const uint8_t* data = av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
+  if (data == nullptr || size < 9 * sizeof(int32_t)) return false;
+  int32_t matrix[9];
+  memcpy(matrix, data, sizeof matrix);
+  return int64_t{matrix[0]} * matrix[4] < int64_t{matrix[1]} * matrix[3];
+}
+
 // MP4 writes all bits set where a track's length is not known, as in fragmented files.
 bool isUnknownMark(int64_t duration) {
   return duration == AV_NOPTS_VALUE || duration <= 0 ||
@@ -237,6 +247,7 @@ StreamFacts FormatContext::streamFacts(AVStream& stream) const {
   facts.dar = displayAspect(codec.width, codec.height, facts.sar);
   facts.rotateTag = rotateTag(stream);
   facts.matrixDegrees = matrixDegrees(stream);
+  facts.matrixMirrors = matrixMirrors(stream);
   return facts;
 }
 

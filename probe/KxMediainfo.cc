@@ -154,6 +154,7 @@ void logAspect(const StreamFacts& facts) {
 void fillVideo(KxStream& stream, const StreamFacts& facts) {
   stream.m_codecId = kxprobe::toLibraryCodecId(facts.codecId);
   stream.m_rotation = kxprobe::rotationOf(facts);
+  stream.m_isMirrored = facts.matrixMirrors;
   stream.m_width = facts.width;
   stream.m_height = facts.height;
   stream.m_frame_num = facts.frameRate.num;
