@@ -48,9 +48,10 @@ class AgentCommandBuilder {
         m_facts.video, {m_param.m_width, m_param.m_height, m_param.m_height / 10, m_param.m_noDAR});
     for (EngineNote& note : size.notes) m_out.command.notes.push_back(std::move(note));
     if (!size.known) return m_out.refuse("getResizeBasedOnDAR_() fail");
-    if (size.width >= 1 && size.height >= 1)
+    if (size.width >= 1 && size.height >= 1) {
       m_out.add(
           {"-s", "width=" + std::to_string(size.width) + ",height=" + std::to_string(size.height)});
+    }
     return true;
   }
 

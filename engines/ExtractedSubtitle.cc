@@ -5,6 +5,7 @@
 
 #include "Misc.h"
 #include "engines/EngineNote.h"
+#include "engines/HostFacts.h"
 #include "frame/ChildProcess.h"
 #include "frame/Log.h"
 
@@ -14,11 +15,6 @@ namespace engines {
 namespace {
 
 constexpr const char* kFunction = "init";
-
-bool exists(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0;
-}
 
 bool isPlainFolder(const std::string& path) {
   struct stat status {};
@@ -75,10 +71,11 @@ std::string extractedSubtitlePath(const std::string& video, int subtitleId) {
 int prepareSubtitle(TranscodeParam& param) {
   if (param.m_sid < 0) return 0;
   const std::string subtitle = extractedSubtitlePath(param.m_inFile, param.m_sid);
-  if (exists(subtitle))
+  if (exists(subtitle)) {
     KX_LOG_AS(kFunction, "intra subtitle %s exist\n", subtitle.c_str());
-  else if (extract(param, subtitle) != 0)
+  } else if (extract(param, subtitle) != 0) {
     return 1;
+  }
   if (param.m_subtitle.empty() && exists(subtitle)) param.m_subtitle = subtitle;
   return 0;
 }

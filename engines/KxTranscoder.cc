@@ -95,18 +95,20 @@ void KxTranscoder::openDisc_(const std::string& folder) {
   const std::string dvdIndex = discIndex(folder, "VIDEO_TS", "VIDEO_TS.IFO");
   const std::string bluRayIndex = discIndex(folder, "BDMV", "index.bdmv");
   m_disc = Disc::none;
-  if (!dvdIndex.empty() && m_dvd.init(dvdIndex) == 0)
+  if (!dvdIndex.empty() && m_dvd.init(dvdIndex) == 0) {
     m_disc = Disc::dvd;
-  else if (!bluRayIndex.empty() && m_bd.init(bluRayIndex) == 0)
+  } else if (!bluRayIndex.empty() && m_bd.init(bluRayIndex) == 0) {
     m_disc = Disc::bluRay;
+  }
 }
 
 int KxTranscoder::applyProfile_() {
   std::vector<engines::EngineNote> notes;
   const TransConfigEntry* row = engines::selectProfile(m_param.m_profile, notes);
-  if (row != nullptr)
+  if (row != nullptr) {
     engines::applyProfile(*row, m_mediaInfo.getAudioTrack(m_param.m_aid),
                           MyUtil_hasAACSupport() != 0, m_param);
+  }
   const int result = engines::checkParameters(m_param, notes);
   engines::logNotes(notes);
   return result;

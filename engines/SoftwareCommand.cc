@@ -71,10 +71,11 @@ class SoftwareCommandBuilder {
 
   void frameRate() {
     const bool sourceKnown = m_facts.video.m_frame_num > 0 && m_facts.video.m_frame_den > 0;
-    if (m_param.m_vFramerate > 0 && sourceKnown)
+    if (m_param.m_vFramerate > 0 && sourceKnown) {
       m_out.add({"-r", std::to_string(m_param.m_vFramerate)});
-    else
+    } else {
       m_out.note("can not get video framerate, ignore framerate parameter\n");
+    }
   }
 
   void videoProfile() {
@@ -92,12 +93,14 @@ class SoftwareCommandBuilder {
 
   void noteForcedEncode() {
     const KxStream& source = m_facts.video;
-    if (m_param.m_vProfile == 77 && source.m_codecId == KX_CODEC_H264 && source.m_profile != 77)
+    if (m_param.m_vProfile == 77 && source.m_codecId == KX_CODEC_H264 && source.m_profile != 77) {
       m_out.note("source is h264 profile " + std::to_string(source.m_profile) +
                  ", main profile is asked for, force transcode video\n");
-    if (source.m_codecId == m_param.m_vCodecId)
+    }
+    if (source.m_codecId == m_param.m_vCodecId) {
       m_out.note("source video codec is already " + std::to_string(source.m_codecId) +
                  ", force transcode video\n");
+    }
   }
 
   bool audio() {

@@ -16,18 +16,19 @@ class DiscSource : public kxtest::EngineTest {
  protected:
   // A DVD folder whose main title has two parts of the given length.
   std::string makeDvd(const std::string& name) const {
-    const std::string folder = media(name);
+    std::string folder = media(name);
     fs::create_directories(folder + "/VIDEO_TS");
     writeFile(folder + "/VIDEO_TS/VIDEO_TS.IFO", "index");
-    for (const char* part : {"1", "3"})
+    for (const char* part : {"1", "3"}) {
       makeClip(folder + "/VIDEO_TS/VTS_02_" + part + ".VOB", 64, 48, 0.4,
                {"-c:v", "mpeg2video", "-c:a", "mp2", "-f", "vob"});
+    }
     writeFile(folder + "/VIDEO_TS/VTS_01_1.VOB", "short");
     return folder;
   }
 
   std::string makeBluRay(const std::string& name) const {
-    const std::string folder = media(name);
+    std::string folder = media(name);
     fs::create_directories(folder + "/BDMV/STREAM");
     writeFile(folder + "/BDMV/index.bdmv", "index");
     makeClip(folder + "/BDMV/STREAM/00002.m2ts", 64, 48, 0.4, {"-f", "mpegts"});

@@ -86,9 +86,10 @@ std::string shown(const std::string& path) {
 // True when two shrunk pictures have the same colours.
 bool sameColours(const std::string& a, const std::string& b) {
   if (a.size() != 48 || b.size() != 48) return false;
-  for (size_t i = 0; i < a.size(); ++i)
+  for (size_t i = 0; i < a.size(); ++i) {
     if (std::abs(static_cast<unsigned char>(a[i]) - static_cast<unsigned char>(b[i])) > 64)
       return false;
+  }
   return true;
 }
 
@@ -249,14 +250,14 @@ TEST_F(EncodedPicture, OddAndTinySizesAreEncoded) {
 }
 
 TEST_F(EncodedPicture, EveryPixelFormatBecomesPlain) {
+  const std::string hdr =
+      "log-level=error:colorprim=bt2020:transfer=smpte2084:colormatrix=bt2020nc";
   const Words formats[] = {{"-c:v", "libx264", "-pix_fmt", "yuv420p10le"},
                            {"-c:v", "libx264", "-pix_fmt", "yuv444p"},
                            {"-c:v", "ffv1", "-pix_fmt", "yuva420p"},
                            {"-c:v", "ffv1", "-pix_fmt", "gray"},
                            {"-c:v", "ffv1", "-pix_fmt", "bgr0"},
-                           {"-c:v", "libx265", "-pix_fmt", "yuv420p10le", "-x265-params",
-                            "log-level=error:colorprim=bt2020:transfer=smpte2084:"
-                            "colormatrix=bt2020nc"}};
+                           {"-c:v", "libx265", "-pix_fmt", "yuv420p10le", "-x265-params", hdr}};
   for (const Words& format : formats) {
     const std::string source = media("source.mkv");
     makeQuarters(source, 160, 120, format);

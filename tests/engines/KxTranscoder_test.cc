@@ -15,17 +15,17 @@ using kxtest::readFile;
 using kxtest::RecordingLog;
 using kxtest::writeFile;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
 namespace {
 
 bool loggedInInit(const RecordingLog& log, const std::string& text) {
-  for (const auto& line : log.lines())
+  for (const auto& line : log.lines()) {
     if (line.level == 5 && line.source == "KxTranscoder" && line.func == "init" &&
         line.text == text)
       return true;
+  }
   return false;
 }
 
