@@ -152,6 +152,7 @@ void ClientConnections::serve(int fd) {
   {
     MutexLock lock(m_mutex);
     client = m_clients.insert(m_clients.end(), {fd, Clock::now()});
+    if (m_isStopping) cutOffLocked(*client);
   }
   auto request = std::make_unique<KxSockData_s>();
   const bool isWhole = m_handlers.read(fd, *request);

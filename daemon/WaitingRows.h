@@ -8,7 +8,8 @@
 namespace xcoded {
 
 // Walks the waiting jobs by priority (lower first), then rank, a few rows at a time, so that
-// a long queue costs no memory. Takes the job store's lock by itself, for one page.
+// a long queue costs no memory. The caller either makes a job stop waiting or skips it. Takes
+// the job store's lock by itself, for one page.
 class WaitingRows {
  public:
   // The next waiting job; nothing at the end of the queue.

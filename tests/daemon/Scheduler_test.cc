@@ -1,0 +1,105 @@
+#include <gtest/gtest.h>
+
+#include "KxAbstractTranscodeSvr.h"
+#include "daemon/Scheduler.h"
+
+using namespace xcoded;
+
+namespace {
+
+constexpr int64_t kPlenty = int64_t{64} << 20;  // kilobytes
+constexpr int64_t kMega = int64_t{1} << 20;
+
+SchedulerState idle(int maxUnits) {
+  SchedulerState state;
+  state.svrStatus = SVR_RUNNING;
+  state.maxUnits = maxUnits;
+  state.availableKb = kPlenty;
+  return state;
+}
+
+KxDBTaskParam job(const std::string& src, uint64_t flags, int64_t bytes, int seconds) {
+  KxDBTaskParam result;
+  result.src = src;
+  result.jobFlag = flags;
+  result.fileSize = bytes;
+  result.duration = seconds;
+  return result;
+}
+
+}  // namespace
+
+TEST(Scheduler, UnitsFillUpToTheLimit) {
+  SchedulerState state = idle(3);
+  EXPECT_EQ(freeSlots(state), 3);
+  state.activeUnits = 2;
+  EXPECT_EQ(freeSlots(state), 1);
+  state.activeUnits = 3;
+  EXPECT_EQ(freeSlots(state), 0);
+  state.activeUnits = 5;
+  EXPECT_EQ(freeSlots(state), 0);
+}
+
+TEST(Scheduler, NothingStartsWhileStoppedPausedOrFull) {
+  for (const int status : {SVR_NONE, SVR_STOPPED, SVR_PAUSED}) {
+    SchedulerState state = idle(3);
+    state.svrStatus = status;
+    EXPECT_EQ(freeSlots(state), 0) << status;
+  }
+  SchedulerState state = idle(3);
+  state.diskFull = true;
+  EXPECT_EQ(freeSlots(state), 0);
+}
+
+TEST(Scheduler, EachUnitBeyondTheFirstNeedsMemory) {
+  SchedulerState state = idle(4);
+  state.availableKb = 0;
+  EXPECT_EQ(freeSlots(state), 1) << "the first always runs";
+  state.availableKb = 2 * kUnitMemoryKb;
+  EXPECT_EQ(freeSlots(state), 2);
+  state.activeUnits = 1;
+  state.availableKb = kUnitMemoryKb - 1;
+  EXPECT_EQ(freeSlots(state), 0);
+  state.availableKb = kUnitMemoryKb;
+  EXPECT_EQ(freeSlots(state), 1);
+}
+
+TEST(Scheduler, MemoryOfUnitsJustStartedIsNotGivenAwayAgain) {
+  SchedulerState state = idle(4);
+  state.activeUnits = 2;
+  state.youngUnits = 2;
+  state.availableKb = 3 * kUnitMemoryKb;
+  EXPECT_EQ(freeSlots(state), 1);
+}
+
+TEST(Scheduler, UnitsByDefaultFollowTheMachine) {
+  EXPECT_EQ(defaultMaxUnits(1, 0), 1);
+  EXPECT_EQ(defaultMaxUnits(2, 0), 2);
+  EXPECT_EQ(defaultMaxUnits(5, 0), 2);
+  EXPECT_EQ(defaultMaxUnits(6, 0), 3);
+  EXPECT_EQ(defaultMaxUnits(10, 0), 4);
+  EXPECT_EQ(defaultMaxUnits(2, 1), 3);
+}
+
+TEST(Scheduler, RoomGrowsWithProfilesAndLength) {
+  const int64_t one = estimateRoom(job("/a", 1, 100 * kMega, 600));
+  EXPECT_GT(estimateRoom(job("/a", 3, 100 * kMega, 600)), one);
+  EXPECT_GT(estimateRoom(job("/a", 1, 100 * kMega, 1200)), one);
+  // A profile that keeps the picture, and a source of unknown length, need the source's size.
+  EXPECT_GE(estimateRoom(job("/a", 32, 100 * kMega, 600)), 200 * kMega);
+  EXPECT_GE(estimateRoom(job("/a", 1, 100 * kMega, 0)), 200 * kMega);
+}
+
+TEST(Scheduler, JobsThatStartTogetherDoNotCountOnTheSameRoom) {
+  const KxDBTaskParam first = job("/one/a", 32, 100 * kMega, 60);
+  const int64_t needed = estimateRoom(first);
+  RoomLedger ledger([&](const std::string& src) -> std::optional<Volume> {
+    if (src.rfind("/one/", 0) == 0) return Volume{1, needed + needed / 2};
+    if (src.rfind("/two/", 0) == 0) return Volume{2, needed};
+    return std::nullopt;
+  });
+  EXPECT_TRUE(ledger.reserve(first));
+  EXPECT_FALSE(ledger.reserve(first)) << "only half the room is left on its volume";
+  EXPECT_TRUE(ledger.reserve(job("/two/a", 32, 100 * kMega, 60))) << "another volume";
+  EXPECT_TRUE(ledger.reserve(job("/gone/a", 32, 100 * kMega, 60))) << "it fails by itself";
+}
