@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 
 #include "KxResMgr2.h"
 #include "KxTransDBMgr.h"
@@ -142,7 +141,7 @@ bool TranscodeServer::mayUse(int fd, Right right) const {
 }
 
 int TranscodeServer::refuse(int fd, const KxSockData_s& request, const std::string& why) {
-  return sendAnswer(fd, requestNumber(request, 0), Answer::failure(why)) ? 0 : 1;
+  return xcoded::sendAnswer(fd, requestNumber(request, 0), Answer::failure(why)) ? 0 : 1;
 }
 
 int TranscodeServer::answerWith(int fd, const KxSockData_s& request,
@@ -156,7 +155,7 @@ int TranscodeServer::answerWith(int fd, const KxSockData_s& request,
     KX_LOG_LEVEL(2, "command %d: %s\n", requestNumber(request, 0), error.what());
     answer = Answer::failure("the service could not do it");
   }
-  return sendAnswer(fd, requestNumber(request, 0), answer) ? 0 : 1;
+  return xcoded::sendAnswer(fd, requestNumber(request, 0), answer) ? 0 : 1;
 }
 
 int TranscodeServer::dumpJob(int, KxSockData_s&) {
@@ -182,6 +181,16 @@ std::optional<std::chrono::steady_clock::time_point> TranscodeServer::pauseEnd()
   MutexLock lock(m_pauseMutex);
   if (getSvrStatus() != SVR_PAUSED || m_pause <= 0) return std::nullopt;
   return m_pauseStart + std::chrono::seconds(m_pause);
+}
+
+int TranscodeServer::isEnableExtraTranscode() const {
+  MutexLock lock(m_switchMutex);
+  return KxAbsTranscodeSvr::isEnableExtraTranscode();
+}
+
+int TranscodeServer::setExtraTranscode(int value) {
+  MutexLock lock(m_switchMutex);
+  return KxAbsTranscodeSvr::setExtraTranscode(value);
 }
 
 int TranscodeServer::isDiskFull() {

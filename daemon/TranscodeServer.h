@@ -37,12 +37,14 @@ class TranscodeServer : public KxAbsTranscodeSvr {
   int addJob(int fd, KxSockData_s& request) override;
   int queryJob(int fd, KxSockData_s& request) override;
 
-  // State and pause are read and written on several threads.
+  // State, pause and switch are read and written on several threads.
   using KxAbsTranscodeSvr::getSvrStatus;
   int getSvrStatus() const override { return m_status; }
   void setSvrStatus(int status) override { m_status = status; }
   int getPauseSec() const override { return m_pause; }
   void setPauseSec(int seconds) override;
+  int isEnableExtraTranscode() const override;
+  int setExtraTranscode(int value) override;
   int isDiskFull() override;
 
  private:
@@ -61,6 +63,7 @@ class TranscodeServer : public KxAbsTranscodeSvr {
   std::atomic<int> m_status{SVR_NONE};
   std::atomic<int> m_pause{0};
   std::atomic<bool> m_isEnding{false};
+  mutable Mutex m_switchMutex;  // of the base's hardware switch
   Mutex m_pauseMutex;
   std::chrono::steady_clock::time_point m_pauseStart KX_GUARDED_BY(m_pauseMutex);
   ScheduleLoop m_loop;
