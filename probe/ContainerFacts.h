@@ -35,8 +35,6 @@ struct StreamFacts {
   std::optional<std::string> rotateTag;
   std::optional<int> matrixDegrees;  // clockwise, 0 to 359
   bool matrixMirrors = false;        // the display matrix flips the picture besides
-
-  bool isTrack() const { return !coverArt; }
 };
 
 struct PlayTime {

@@ -123,22 +123,25 @@ std::optional<std::string> rotateTag(const AVStream& stream) {
   return entry->value;
 }
 
-std::optional<int> matrixDegrees(const AVStream& stream) {
+using DisplayMatrix = std::array<int32_t, 9>;
+
+std::optional<DisplayMatrix> displayMatrix(const AVStream& stream) {
   size_t size = 0;
   const uint8_t* data = av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
-  if (data == nullptr || size < 9 * sizeof(int32_t)) return std::nullopt;
-  const double counterClockwise = av_display_rotation_get(reinterpret_cast<const int32_t*>(data));
+  DisplayMatrix matrix;
+  if (data == nullptr || size < sizeof matrix) return std::nullopt;
+  memcpy(matrix.data(), data, sizeof matrix);
+  return matrix;
+}
+
+std::optional<int> clockwiseDegrees(const DisplayMatrix& matrix) {
+  const double counterClockwise = av_display_rotation_get(matrix.data());
   if (!std::isfinite(counterClockwise)) return std::nullopt;  // a matrix without a rotation
   const int degrees = -static_cast<int>(std::lround(counterClockwise)) % 360;
   return degrees < 0 ? degrees + 360 : degrees;
 }
 
-bool matrixMirrors(const AVStream& stream) {
-  size_t size = 0;
-  const uint8_t* data = av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
-  if (data == nullptr || size < 9 * sizeof(int32_t)) return false;
-  int32_t matrix[9];
-  memcpy(matrix, data, sizeof matrix);
+bool isMirroring(const DisplayMatrix& matrix) {
   return int64_t{matrix[0]} * matrix[4] < int64_t{matrix[1]} * matrix[3];
 }
 
@@ -246,8 +249,10 @@ StreamFacts FormatContext::streamFacts(AVStream& stream) const {
   facts.sar = knownFraction(av_guess_sample_aspect_ratio(m_context.get(), &stream, nullptr));
   facts.dar = displayAspect(codec.width, codec.height, facts.sar);
   facts.rotateTag = rotateTag(stream);
-  facts.matrixDegrees = matrixDegrees(stream);
-  facts.matrixMirrors = matrixMirrors(stream);
+  if (const auto matrix = displayMatrix(stream)) {
+    facts.matrixDegrees = clockwiseDegrees(*matrix);
+    facts.matrixMirrors = isMirroring(*matrix);
+  }
   return facts;
 }
 
