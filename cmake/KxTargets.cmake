@@ -46,5 +46,5 @@ function(kx_host_executable target)
     PkgConfig::SQLITE PkgConfig::LIBAV Threads::Threads)
   # As an option, because flags between libraries are reordered away from them.
   target_link_options(${target} PRIVATE
-    -rdynamic LINKER:--no-as-needed LINKER:--allow-shlib-undefined)
+    -rdynamic LINKER:--no-as-needed)
 endfunction()
