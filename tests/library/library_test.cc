@@ -34,8 +34,8 @@ const std::map<std::string, std::set<std::string>> kBelow = {
     {"engines", {"frame", "probe"}},
     {"resources", {"frame", "probe", "jobstore", "engines"}},
     {"watch", {"frame", "jobstore"}},
-    {"host", {}},
-    {"tools", {"host"}},
+    {"host", {"frame"}},
+    {"tools", {"frame", "host"}},
 };
 
 }  // namespace
