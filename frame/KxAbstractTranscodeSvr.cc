@@ -253,13 +253,14 @@ int KxAbsTranscodeSvr::resumeUnitsLocked() {
 
 int KxAbsTranscodeSvr::pauseUnitsLocked(int seconds) {
   setSvrStatus(SVR_PAUSED);
-  if (seconds > 0)
+  if (seconds > 0) {
     KX_LOG_AS("svrPause",
               "current pause behavor -> pause background thread for %d sec, for now pause also "
               "stop all transcode units\n",
               seconds);
-  else
+  } else {
     KX_LOG_AS("svrPause", "pause -1 => pause forever\n");
+  }
   setPauseSec(seconds > 0 ? seconds : -1);
   const int result = KxResMgr2::getInstance()->pauseAllUnit();
   if (result != 0) KX_LOG_AS("svrPause", "pause all transcode unit fail\n");

@@ -12,10 +12,7 @@ CommandWords::CommandWords(const char* line) : m_line{}, m_words{} {
   if (line == nullptr) return;
   for (size_t i = 0; i + 1 < m_line.size() && line[i] != '\0'; ++i) m_line[i] = line[i];
   for (char* position = m_line.data(); *position != '\0';) {
-    if (*position == ' ')
-      ++position;
-    else
-      position = takeWord(position);
+    position = *position == ' ' ? position + 1 : takeWord(position);
   }
 }
 

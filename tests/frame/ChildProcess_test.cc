@@ -39,7 +39,7 @@ std::string readAll(int fd) {
 std::string outputOf(const std::string& script, ChildProcess::Options options = {}) {
   options.captureStdout = true;
   ChildProcess child = shell(script, options);
-  const std::string text = readAll(child.stdoutFd());
+  std::string text = readAll(child.stdoutFd());
   EXPECT_EQ(child.wait(), 0);
   return text;
 }
@@ -245,15 +245,15 @@ TEST(ChildProcess, DiesWithTheThreadThatStartedIt) {
 }
 
 TEST(ChildProcess, ManyThreadsMayStartChildrenAtOnce) {
+  const auto launch = [](int thread) {
+    for (int i = 0; i < 10; ++i) {
+      ChildProcess child = shell("exit " + std::to_string(thread * 10 + i));
+      EXPECT_EQ(WEXITSTATUS(child.wait()), thread * 10 + i);
+    }
+  };
   std::vector<std::thread> threads;
   threads.reserve(4);
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([t] {
-      for (int i = 0; i < 10; ++i) {
-        ChildProcess child = shell("exit " + std::to_string(t * 10 + i));
-        EXPECT_EQ(WEXITSTATUS(child.wait()), t * 10 + i);
-      }
-    });
+  for (int t = 0; t < 4; ++t) threads.emplace_back(launch, t);
   for (std::thread& thread : threads) thread.join();
 }
 

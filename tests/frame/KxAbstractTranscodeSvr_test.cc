@@ -93,7 +93,7 @@ KxSockData_s requestOf(int32_t command, int32_t argument = 0) {
 }
 
 class ServerTest : public testing::Test {
- protected:
+ public:
   // The resource manager lives as long as the process and is set up once.
   static void SetUpTestSuite() {
     world = std::make_unique<World>();
@@ -125,6 +125,7 @@ class ServerTest : public testing::Test {
     manager().unRegRes(outsider);
   }
 
+ protected:
   void connect() {
     client = std::make_unique<SocketMgr>();
     EXPECT_EQ(client->init(world->dir / "sock", false), 0);
@@ -160,10 +161,11 @@ class ServerTest : public testing::Test {
       manager().mutexUnLock();
     });
     const bool isFree = waitUntil([&taken] { return taken->load(); });
-    if (isFree)
+    if (isFree) {
       other.join();
-    else
+    } else {
       other.detach();
+    }
     return isFree;
   }
   static void createUnit(long long id, const std::string& src = "/share/clip.mp4") {

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "frame/ChildProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -56,13 +57,8 @@ TEST(SharedSemaphore, IsUnmappedByAPost) {
 }
 
 TEST(SharedSemaphore, ReportsAMappingThatFails) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "sanitizers need the address space";
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-  GTEST_SKIP() << "sanitizers need the address space";
-#endif
-#endif
+  if (kxtest::kThreadSanitizer || kxtest::kAddressSanitizer)
+    GTEST_SKIP() << "the sanitizer needs the address space";
   RecordingLog log;
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
