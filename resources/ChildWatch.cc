@@ -33,13 +33,6 @@ constexpr milliseconds kTick{1000};
 constexpr int kDefaultStallSeconds = 600;
 constexpr off_t kLogTail = 8192;
 
-seconds stallLimit() {
-  const std::string file = miscSystemPath("/etc/config/medialibrary.conf");
-  const int value =
-      MyUtil_GetKeyInt("TRANSCODESVR", "STALL_SEC", kDefaultStallSeconds, file.c_str());
-  return seconds(value > 0 ? value : kDefaultStallSeconds);
-}
-
 // Tells whether anything moved since it was last asked.
 class ProgressWatch {
  public:
@@ -114,23 +107,30 @@ ChildEnd endOf(int status) {
   return {result == 0 ? ChildEnd::Kind::Success : ChildEnd::Kind::Failure, result};
 }
 
-// Removes what the job shows of a child when the child is gone.
-class ShownPid {
- public:
-  ShownPid(JobRun& run, int pid) : m_run(run) { m_run.showPid(pid); }
-  ~ShownPid() { m_run.showPid(-1); }
-  ShownPid(const ShownPid&) = delete;
-  ShownPid& operator=(const ShownPid&) = delete;
-
- private:
-  JobRun& m_run;
-};
-
+// Lines that say nothing about what went wrong.
 bool isReport(const std::string& line) {
-  return line.empty() || line.starts_with("frame=") || line.starts_with("size=");
+  return line.empty() || line.starts_with("frame=") || line.starts_with("size=") ||
+         line == "Conversion failed!";
 }
 
 }  // namespace
+
+seconds stallLimit() {
+  const std::string file = miscSystemPath("/etc/config/medialibrary.conf");
+  const int value =
+      MyUtil_GetKeyInt("TRANSCODESVR", "STALL_SEC", kDefaultStallSeconds, file.c_str());
+  return seconds(value > 0 ? value : kDefaultStallSeconds);
+}
+
+ShownChild::ShownChild(JobRun& run, pid_t pid) : m_run(run) {
+  m_run.showPid(pid);
+  KxResMgr2* manager = KxResMgr2::getInstance();
+  if (manager->cGroupIsUnified()) manager->cGroupAddPid(pid);
+}
+
+ShownChild::~ShownChild() {
+  m_run.showPid(-1);
+}
 
 std::string ChildEnd::text() const {
   switch (kind) {
@@ -152,9 +152,7 @@ void stopChild(ChildProcess& child) {
 
 ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points) {
   ChildProcess child = ChildProcess::adopt(pid);
-  const ShownPid shown(run, pid);
-  KxResMgr2* manager = KxResMgr2::getInstance();
-  if (manager->cGroupIsUnified()) manager->cGroupAddPid(pid);
+  const ShownChild shown(run, pid);
   ProgressWatch progress(points, run);
   const seconds limit = stallLimit();
   while (true) {

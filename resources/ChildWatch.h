@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -31,6 +32,22 @@ struct WatchPoints {
 // and STALL_SEC seconds without progress, end the child with SIGTERM and, when that does not
 // help, SIGKILL.
 ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points);
+
+// Shows a child as the unit's while it lives, and puts it under the limits where it does not
+// inherit them.
+class ShownChild {
+ public:
+  ShownChild(JobRun& run, pid_t pid);
+  ~ShownChild();
+  ShownChild(const ShownChild&) = delete;
+  ShownChild& operator=(const ShownChild&) = delete;
+
+ private:
+  JobRun& m_run;
+};
+
+// Time without progress after which a child is stopped.
+std::chrono::seconds stallLimit();
 
 // Tells the child to end because the unit was stopped, and waits until it has.
 void stopChild(ChildProcess& child);

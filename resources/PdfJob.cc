@@ -1,9 +1,205 @@
 #include "resources/PdfJob.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+
+#include "KxHostPlatform.h"
+#include "KxResMgr2.h"
+#include "Misc.h"
+#include "resources/ChildWatch.h"
+#include "resources/Conversion.h"
+#include "resources/MediaCatalog.h"
+#include "resources/ResourceUse.h"
+#include "resources/RunnerLog.h"
+
 namespace runner {
+namespace {
+
+constexpr const char* kRenderer = "/usr/local/sbin/gs";
+constexpr mode_t kScratchMode = 0700;
+
+// The renderer takes "%" for the start of a page number.
+std::string withPercentDoubled(const std::string& text) {
+  std::string result;
+  for (const char c : text) result += c == '%' ? std::string("%%") : std::string(1, c);
+  return result;
+}
+
+std::string scratchBeside(const std::string& pagePath) {
+  std::string unique;
+  miscGenUniqueFileName(unique);
+  const std::string album = ".album/";
+  return pagePath.substr(0, pagePath.size() - album.size()) + ".gstmp." + unique;
+}
+
+}  // namespace
+
+PdfJob::PdfJob(JobRun& run)
+    : m_run(run), m_pagePath(pageFolder(run.source(), run.job().dst)),
+      m_scratch(scratchBeside(m_pagePath)) {}
 
 bool PdfJob::run() {
-  return m_run.fail("PDF pages cannot be rendered yet");
+  if (openFolder() && countPages() && renderOnCpu() && publishPages()) return true;
+  discardPages();
+  KX_RUNNER_LOG("status != 0, update db status as ERROR\n");
+  return false;
+}
+
+std::string PdfJob::pageName(int page) const {
+  return withoutExtension(m_run.source().name) + "-" + std::to_string(page) + ".jpg";
+}
+
+bool PdfJob::openFolder() {
+  const SourceName place = splitSource(m_pagePath);
+  m_isNewFolder = access(m_pagePath.c_str(), F_OK) != 0;
+  m_pages = OutputFolder::make(place.folder, place.name + "/");
+  if (!m_pages.valid()) {
+    const std::string reason = strerror(errno);
+    KX_RUNNER_LOG("can not create PDF transcode foloder %s\n", m_pagePath.c_str());
+    return m_run.fail("cannot create the folder " + m_pagePath + ": " + reason);
+  }
+  KX_RUNNER_LOG("pdfDstPath=%s, gsTmp=%s\n", m_pagePath.c_str(), m_scratch.c_str());
+  return true;
+}
+
+bool PdfJob::countPages() {
+  const SourceName& source = m_run.source();
+  m_pageCount = kxPdfGetPageNumber(source.path());
+  KX_RUNNER_LOG("%s%s total pages: %d\n", source.folder.c_str(), source.name.c_str(), m_pageCount);
+  if (m_pageCount > 0) return true;
+  KX_RUNNER_LOG("%s%s total pages <= 0\n", source.folder.c_str(), source.name.c_str());
+  return m_run.fail("the PDF has no pages that can be counted");
+}
+
+bool PdfJob::renderOnCpu() {
+  const std::vector<KxResource2> resources = resourcesToTry(5);
+  const auto cpu = std::ranges::find(resources, RES2_SW_CPU, &KxResource2::resType);
+  if (cpu == resources.end()) {
+    KX_RUNNER_LOG("can not find appropriate cpu resource for PDF transcode\n");
+    return m_run.fail("there is no CPU resource");
+  }
+  const Registration registration(m_run, *cpu, registrationInfo(m_run, 0, 0));
+  if (!registration.valid()) return m_run.fail(cpu->id + ": cannot be used");
+  return render();
+}
+
+std::vector<std::string> PdfJob::command() const {
+  const std::string base = m_pagePath + withoutExtension(m_run.source().name);
+  return {miscSystemPath(kRenderer),
+          "-sDEVICE=jpeg",
+          "-dNOPAUSE",
+          "-dBATCH",
+          "-dSAFER",
+          "-r144",
+          "-dFirstPage=1",
+          "-dLastPage=" + std::to_string(m_pageCount),
+          "-sOutputFile=" + withPercentDoubled(base) + "-%d.jpg",
+          m_run.source().path()};
+}
+
+bool PdfJob::render() {
+  const Cleanup cleanup([this] { return m_scratch; });
+  if (mymkdir(m_scratch.c_str(), kScratchMode) != 0)
+    return m_run.fail("cannot create the folder " + m_scratch);
+  ChildProcess::Options options;
+  options.captureStdout = true;
+  options.stderrFile = m_scratch + "/gs.log";
+  options.extraEnv = {"TMPDIR=" + m_scratch};
+  ChildProcess child = ChildProcess::spawn(command(), options);
+  if (!child.valid()) {
+    KX_RUNNER_LOG("fork error\n");
+    return m_run.fail("the renderer could not be started");
+  }
+  const ShownChild shown(m_run, child.pid());
+  if (followRenderer(child)) return true;
+  const std::string line = lastLogLine(options.stderrFile);
+  const SourceName& source = m_run.source();
+  KX_RUNNER_LOG("gs transcode pdf %s%s fail\n", source.folder.c_str(), source.name.c_str());
+  return m_run.fail("the renderer failed" + (line.empty() ? "" : ": " + line));
+}
+
+// True when the renderer came to a good end by itself.
+bool PdfJob::followRenderer(ChildProcess& child) {
+  using std::chrono::steady_clock;
+  auto lastWord = steady_clock::now();
+  const auto limit = stallLimit();
+  std::array<char, 4096> buffer;
+  std::string buffered;
+  while (true) {
+    std::array<pollfd, 2> ends = {pollfd{child.stdoutFd(), POLLIN, 0},
+                                  pollfd{m_run.endFd(), POLLIN, 0}};
+    poll(ends.data(), ends.size(), 1000);
+    const bool isStalled = steady_clock::now() - lastWord >= limit;
+    if (m_run.mustEnd() || isStalled) {
+      if (isStalled) m_run.fail("the renderer made no progress");
+      stopChild(child);
+      miscAnalysisRet(child.wait());
+      return false;
+    }
+    if (ends[0].revents == 0) continue;
+    const ssize_t count = read(child.stdoutFd(), buffer.data(), buffer.size());
+    if (count <= 0) return miscAnalysisRet(child.wait()) == 0;
+    lastWord = steady_clock::now();
+    buffered.append(buffer.data(), static_cast<size_t>(count));
+    handleOutput(buffered);
+  }
+}
+
+// Takes the whole lines out of what was read so far.
+void PdfJob::handleOutput(std::string& buffered) {
+  size_t end = 0;
+  while ((end = buffered.find('\n')) != std::string::npos) {
+    int page = 0;
+    if (sscanf(buffered.c_str(), "Page %d", &page) == 1) {
+      const int percent = static_cast<int>(int64_t{page} * 100 / m_pageCount);
+      m_run.showProgress(percent);
+      KX_RUNNER_LOG("curPage=%d, unitProgress=%d\n", page, percent);
+    }
+    buffered.erase(0, end + 1);
+  }
+  constexpr size_t kLongestLine = 65536;
+  if (buffered.size() > kLongestLine) buffered.clear();
+}
+
+bool PdfJob::publishPages() {
+  for (int page = 1; page <= m_pageCount; ++page) {
+    if (m_run.mustEnd()) {
+      KX_RUNNER_LOG("someone stop the transcode unit, so we stop updating the media database\n");
+      return m_run.fail("was stopped");
+    }
+    if (!publishPage(page)) return false;
+  }
+  return true;
+}
+
+bool PdfJob::publishPage(int page) {
+  const std::string path = m_pages.pathOf(pageName(page));
+  const auto there = m_pages.find(pageName(page));
+  if (!there || !S_ISREG(there->st_mode) || there->st_size == 0) {
+    KX_RUNNER_LOG("jpg %s do not exist\n", path.c_str());
+    return m_run.fail("page " + std::to_string(page) + " was not rendered");
+  }
+  addToCatalog(m_run, path, m_pagePath);
+  const int percent = static_cast<int>(int64_t{page} * 100 / m_pageCount);
+  m_run.showProgress(percent);
+  KX_RUNNER_LOG("update unit progress=%d\n", percent);
+  return true;
+}
+
+// Pages of an unfinished run go; a folder that was there before keeps what it holds.
+void PdfJob::discardPages() {
+  if (!m_pages.valid() || !m_isNewFolder) return;
+  for (int page = 1; page <= m_pageCount && m_pages.remove(pageName(page)); ++page) {
+  }
+  rmdir(m_pagePath.c_str());
 }
 
 }  // namespace runner

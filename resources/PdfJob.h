@@ -1,17 +1,41 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
+#include "frame/ChildProcess.h"
 #include "resources/JobRun.h"
+#include "resources/OutputPlacement.h"
 
 namespace runner {
 
-// Renders the pages of a PDF.
+// Renders the pages of a PDF as pictures into a folder and makes them known to the media
+// library.
 class PdfJob {
  public:
-  explicit PdfJob(JobRun& run) : m_run(run) {}
+  explicit PdfJob(JobRun& run);
+  // @return false when it failed or the run had to end; the run knows why
   bool run();
 
  private:
+  bool openFolder();
+  bool countPages();
+  bool renderOnCpu();
+  bool render();
+  std::vector<std::string> command() const;
+  bool followRenderer(ChildProcess& child);
+  void handleOutput(std::string& buffered);
+  bool publishPages();
+  bool publishPage(int page);
+  void discardPages();
+  std::string pageName(int page) const;
+
   JobRun& m_run;
+  std::string m_pagePath;  // with trailing "/"
+  std::string m_scratch;
+  OutputFolder m_pages;
+  bool m_isNewFolder = false;
+  int m_pageCount = 0;
 };
 
 }  // namespace runner
