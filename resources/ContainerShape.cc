@@ -71,10 +71,9 @@ class Bytes {
 };
 
 ContainerShape statedEnd(uint64_t end, int64_t size) {
-  if (end > static_cast<uint64_t>(size + kSlack))
-    return {Completeness::CutOff,
-            static_cast<int64_t>(std::min<uint64_t>(end - static_cast<uint64_t>(size), INT64_MAX))};
-  return {Completeness::Whole, 0};
+  if (end <= static_cast<uint64_t>(size + kSlack)) return {Completeness::Whole, 0};
+  const uint64_t missing = end - static_cast<uint64_t>(size);
+  return {Completeness::CutOff, static_cast<int64_t>(std::min<uint64_t>(missing, INT64_MAX))};
 }
 
 // Walks the parts of a file that lie one after the other, each with its own length.

@@ -52,9 +52,10 @@ void runJob(KxTranscodeUnit2& unit, UnitVisit& visit) {
   if (visit.waitForTurn() == UNIT_START) {
     forgetReason(run);
     succeeded = convertSafely(run);
-    if (!succeeded && !run.mustEnd())
+    if (!succeeded && !run.mustEnd()) {
       KX_RUNNER_LOG_LEVEL(2, "job %ld of %s failed: %s\n", static_cast<long>(run.job().id),
                           run.job().src.c_str(), run.reason().c_str());
+    }
   }
   writeOutcome(run, run.state(), succeeded);
 }

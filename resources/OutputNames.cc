@@ -13,6 +13,10 @@ bool endsWith(const std::string& name, const std::string& suffix) {
          strcasecmp(name.c_str() + (name.size() - suffix.size()), suffix.c_str()) == 0;
 }
 
+KxJobOutput audioOutput(const SourceName& source, const std::string& profile) {
+  return {profile, source.folder + kAudioFolder + audioName(source.name), ""};
+}
+
 KxJobOutput videoOutput(const SourceName& source, const std::string& profile, int rotation) {
   return {profile, source.folder + kVisibleFolder + visibleName(source.name, profile, rotation),
           source.folder + kLinkFolder + linkName(source.name, profile)};
@@ -77,12 +81,10 @@ std::vector<KxJobOutput> kxJobOutputs(const KxDBTaskParam& job) {
   for (size_t row = 0; gTransConfig[row].key != 0; ++row) {
     if ((job.jobFlag >> row & 1) == 0) continue;
     const TransConfigEntry& config = gTransConfig[row];
-    if (config.formatId == KX_FORMAT_AUDIO)
-      outputs.push_back(
-          {config.name, source.folder + runner::kAudioFolder + runner::audioName(source.name), ""});
-    else
-      outputs.push_back(
-          runner::videoOutput(source, config.name, runner::askedRotation(job.rotation)));
+    const bool isAudio = config.formatId == KX_FORMAT_AUDIO;
+    outputs.push_back(
+        isAudio ? runner::audioOutput(source, config.name)
+                : runner::videoOutput(source, config.name, runner::askedRotation(job.rotation)));
   }
   return outputs;
 }

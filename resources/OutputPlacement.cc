@@ -136,10 +136,11 @@ void TemporaryFile::removeIfThere(const std::string& name) {
 bool TemporaryFile::takeRemux() {
   const bool renamed =
       renameat(m_folder.fd(), remuxName().c_str(), m_folder.fd(), m_name.c_str()) == 0;
-  if (renamed)
+  if (renamed) {
     KX_RUNNER_LOG("remux success, rename %s -> %s\n", remuxPath().c_str(), path().c_str());
-  else
+  } else {
     KX_RUNNER_LOG("rename %s -> %s FAIL\n", remuxPath().c_str(), path().c_str());
+  }
   return renamed;
 }
 

@@ -29,10 +29,11 @@ Attempt attemptOn(JobRun& run, KxResource2& resource, const KxRegInfo& info,
   const Registration registration(run, resource, info);
   if (!registration.valid()) return {false, "cannot be used"};
   Attempt result = attempt(resource);
-  if (result.ok)
+  if (result.ok) {
     KX_RUNNER_LOG("resId(%s) transcode success\n", resource.id.c_str());
-  else
+  } else {
     KX_RUNNER_LOG("unit transcode error on resId(%s)\n", resource.id.c_str());
+  }
   return result;
 }
 

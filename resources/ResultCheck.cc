@@ -91,7 +91,7 @@ std::string recount(const std::vector<Pair>& pairs, const SourceFacts& source,
 
 std::string lengthsFault(const std::vector<Pair>& pairs, const SourceFacts& source,
                          const std::function<bool()>& goOn) {
-  const std::string fault = statedFault(pairs, source);
+  std::string fault = statedFault(pairs, source);
   if (fault.empty()) return "";
   if (source.isDisc) return isLengthKnown(source) ? fault : "";
   return recount(pairs, source, fault, goOn);
@@ -125,7 +125,7 @@ std::string resultFault(const std::string& result, const SourceFacts& source,
   if (expected.videoTrack >= 0) {
     const StreamTimes* picture = times->find(Kind::Video, 0);
     if (picture == nullptr || picture->isEmpty) return "the result has no picture";
-    const std::string fault = pictureFault(*picture);
+    std::string fault = pictureFault(*picture);
     if (!fault.empty()) return fault;
     pairs.push_back({Kind::Video, expected.videoTrack, "picture", picture});
   }

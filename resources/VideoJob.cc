@@ -225,7 +225,7 @@ Attempt VideoJob::encodeOn(KxResource2& resource, KxTranscoder& transcoder, Temp
 }
 
 std::string VideoJob::remux(KxTranscoder& transcoder, TemporaryFile& file) {
-  const std::string fault =
+  std::string fault =
       runChild(m_run, {"remux", [&] { return transcoder.workaroundStripMetadata(file.path()); },
                        nullptr, transcoder.getProgressLogPath(), file.remuxPath()});
   if (!fault.empty()) return fault;

@@ -76,7 +76,7 @@ double playTime(const MediaFile& file) {
 }
 
 std::string copyIn(const RunnerWorld& world, const MediaFile& file) {
-  const std::string copy = world.media(fs::path(file.path).filename().string());
+  std::string copy = world.media(fs::path(file.path).filename().string());
   fs::copy_file(*mediaDir() + "/" + file.path, copy);
   fs::permissions(copy, fs::perms(0644));
   return copy;

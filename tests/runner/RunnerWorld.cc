@@ -53,9 +53,9 @@ std::vector<std::string> filesBelow(const std::string& folder) {
   std::vector<std::string> names;
   std::error_code ignored;
   for (const auto& entry : fs::recursive_directory_iterator(folder, ignored)) {
-    if (!entry.is_directory() || entry.is_symlink())
-      names.push_back(fs::relative(entry.path().parent_path(), folder).string() + "/" +
-                      entry.path().filename().string());
+    if (entry.is_directory() && !entry.is_symlink()) continue;
+    names.push_back(fs::relative(entry.path().parent_path(), folder).string() + "/" +
+                    entry.path().filename().string());
   }
   std::ranges::sort(names);
   return names;
@@ -70,11 +70,12 @@ std::string field(const std::string& text, const std::string& key) {
 
 }  // namespace
 
-RunnerWorld::RunnerWorld() : m_configuration("[TRANSCODESVR]\nCPU_LIMIT=100\n") {
+RunnerWorld::RunnerWorld(Cgroups cgroups) : m_configuration("[TRANSCODESVR]\nCPU_LIMIT=100\n") {
   const std::string data = m_root.path() + "/data/";
   fs::create_directories(data);
   fs::create_directories(m_state / "cgroup/cpu");
   fs::create_directories(m_state / "cgroup/memory");
+  if (cgroups == Cgroups::Unified) writeFile(m_state / "cgroup/cgroup.controllers", "cpu memory\n");
   m_root.write("/etc/platform.conf", "Platform=X86_GENERIC\n");
   m_configuration = "[OPTIONS]\nMlsDataDir=" + data + "\n" + m_configuration;
   configure("");
@@ -95,6 +96,10 @@ RunnerWorld::~RunnerWorld() {
 
 std::vector<std::string> RunnerWorld::mediaFiles() const {
   return filesBelow(m_media.path().string());
+}
+
+std::string RunnerWorld::cgroupFile(const std::string& name) const {
+  return m_state / ("cgroup/" + name);
 }
 
 void RunnerWorld::setEncoder(const std::string& body) {
@@ -226,11 +231,11 @@ size_t RunnerWorld::registrations() {
 }
 
 std::optional<Probed> probe(const std::string& path) {
-  const auto video =
-      kxtest::run({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
-                   "stream=codec_name,profile,width,height,sample_aspect_ratio:"
-                   "stream_side_data=rotation:stream_tags=rotate",
-                   "-of", "default=nw=1", path});
+  const std::string pictureFacts =
+      "stream=codec_name,profile,width,height,sample_aspect_ratio:stream_side_data=rotation:"
+      "stream_tags=rotate";
+  const auto video = kxtest::run({"ffprobe", "-v", "error", "-select_streams", "v:0",
+                                  "-show_entries", pictureFacts, "-of", "default=nw=1", path});
   const auto audio =
       kxtest::run({"ffprobe", "-v", "error", "-select_streams", "a:0", "-show_entries",
                    "stream=codec_name,channels,sample_rate", "-of", "default=nw=1", path});

@@ -26,7 +26,9 @@ enum ProfileBit : uint64_t {
 // job store and a resource manager. The encoder is the installed ffmpeg.
 class RunnerWorld {
  public:
-  RunnerWorld();
+  enum class Cgroups { Version1, Unified };
+  // The manager is set up by the first world of a process and keeps its kind of cgroups.
+  explicit RunnerWorld(Cgroups cgroups = Cgroups::Version1);
   ~RunnerWorld();
   RunnerWorld(const RunnerWorld&) = delete;
   RunnerWorld& operator=(const RunnerWorld&) = delete;
@@ -36,6 +38,8 @@ class RunnerWorld {
   std::string media(const std::string& name) const { return m_media / name; }
   // Paths below the media folder of all files and links in it, sorted.
   std::vector<std::string> mediaFiles() const;
+  // A file of the cgroup tree, which is a plain folder here.
+  std::string cgroupFile(const std::string& name) const;
   // The encoder's program; the text is the body of a shell script.
   void setEncoder(const std::string& body);
   void setAgent(const std::string& body);
