@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <initializer_list>
 
 #include <CLI/CLI.hpp>
 
@@ -40,10 +41,10 @@ int detachFromTerminal(xcoded::TranscodeServer& server) {
   return 0;
 }
 
-void takeStdinFromNowhere() {
-  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+void connectToNull(std::initializer_list<int> descriptors) {
+  const int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
   if (fd < 0) return;
-  dup2(fd, STDIN_FILENO);
+  for (const int descriptor : descriptors) dup2(fd, descriptor);
   close(fd);
 }
 
@@ -71,12 +72,15 @@ int serve(const xcoded::CommandLine& line) {
   TranscodeServer server(conf, !line.foreground);
   if (!StopSignal::install()) return fail("cannot install signal handlers");
   if (line.foreground)
-    takeStdinFromNowhere();
+    connectToNull({STDIN_FILENO});
   else if (detachFromTerminal(server) != 0)
     return 1;
   openLog(conf, line.foreground);
   lock.writePid();
   if (server.svrInit() != 0) _exit(fail("cannot start, see the service log"));
+  // Until here a caller reads what went wrong; from here on it must not wait for an end of
+  // output that does not come.
+  if (!line.foreground) connectToNull({STDOUT_FILENO, STDERR_FILENO});
   // Detached threads outlive the singletons, so no destructor of them may run.
   _exit(server.svrRun());
 }
