@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -254,6 +255,28 @@ TEST(KxTranscodeUnit2, ARunnerWorksUntilItIsStoppedAndThenTheUnitIsFinished) {
   EXPECT_EQ(unit.getState(), UNIT_FINISH);
   EXPECT_EQ(unit.getPid(), -1);
   EXPECT_EQ(runners.toldToStop(), 1);
+}
+
+TEST(KxTranscodeUnit2, TellsTheListenerWhenARunnerHasLeftAndTheUnitIsReapable) {
+  struct Seen {
+    KxTranscodeUnit2 unit;
+    std::atomic<int> calls{0};
+    std::atomic<bool> wasReapable{false};
+  } seen;
+  KxTranscodeUnit2::setLeaveListener(
+      [](void* context) {
+        auto* told = static_cast<Seen*>(context);
+        told->wasReapable = told->unit.isReapable();
+        ++told->calls;
+      },
+      &seen);
+  StubRunners runners;
+  bringTo(seen.unit, runners, UNIT_STOP);
+  EXPECT_EQ(seen.calls, 0);
+  runners.setLingering(false);
+  EXPECT_TRUE(waitUntil([&] { return seen.calls == 1; }));
+  EXPECT_TRUE(seen.wasReapable);
+  KxTranscodeUnit2::setLeaveListener(nullptr, nullptr);
 }
 
 TEST(KxTranscodeUnit2, ASuspendedUnitStaysPendingWhenItsRunnerHasLeft) {
