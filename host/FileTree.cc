@@ -98,7 +98,7 @@ class TreeRemover {
       return {};
     }
     while (const dirent* entry = readdir(stream.get())) {
-      const std::string name = entry->d_name;
+      std::string name = entry->d_name;
       if (name == "." || name == ".." || m_levels.back().kept.count(name) != 0) continue;
       if (entry->d_type == DT_DIR) return name;
       if (unlinkat(m_current.get(), name.c_str(), 0) == 0 || errno == ENOENT) continue;

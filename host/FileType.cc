@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -84,9 +83,7 @@ FileClass classOf(std::string_view extension) {
 int MyIDB_GetFilenameType(const char* name, char* ext, int, int extSize) {
   const std::string_view extension = extensionOf(name == nullptr ? "" : name);
   if (ext != nullptr && extSize > 0) {
-    const size_t length = std::min(extension.size(), static_cast<size_t>(extSize) - 1);
-    memcpy(ext, extension.data(), length);
-    ext[length] = '\0';
+    ext[extension.copy(ext, static_cast<size_t>(extSize) - 1)] = '\0';
   }
   return classOf(extension);
 }

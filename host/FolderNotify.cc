@@ -35,7 +35,7 @@ namespace {
 constexpr uint32_t kDefaultEvents =
     IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CLOSE_WRITE;
 constexpr uint32_t kWatchFlags = IN_ONLYDIR | IN_DONT_FOLLOW | IN_EXCL_UNLINK;
-constexpr size_t kReadBytes = 64 * 1024;
+constexpr size_t kReadBytes = size_t{64} * 1024;
 
 using Clock = std::chrono::steady_clock;
 

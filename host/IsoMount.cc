@@ -135,7 +135,7 @@ std::string makeMountPoint(const std::string& folder) {
 std::string mountBelow(const std::string& folder, const std::string& iso) {
   struct stat info = {};
   if (stat(iso.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
-  const std::string mountPoint = makeMountPoint(folder);
+  std::string mountPoint = makeMountPoint(folder);
   if (mountPoint.empty()) return {};
   if (mountByKernel(iso, mountPoint) || mountByFuse(iso, mountPoint)) {
     correctNames(mountPoint);
@@ -177,7 +177,7 @@ std::string findDiscFolder(const std::string& root) {
   if (holdsDisc(root)) return root;
   std::error_code failed;
   for (const auto& entry : fs::directory_iterator(root, failed)) {
-    const std::string folder = convertFolderPath(entry.path().string());
+    std::string folder = convertFolderPath(entry.path().string());
     if (entry.is_directory(failed) && !entry.is_symlink(failed) && holdsDisc(folder)) return folder;
   }
   return {};

@@ -61,7 +61,7 @@ bool isCardName(const std::string& name) {
 std::string renderNodeOf(const fs::path& device) {
   std::error_code failed;
   for (const auto& entry : fs::directory_iterator(device / "drm", failed)) {
-    const std::string name = entry.path().filename().string();
+    std::string name = entry.path().filename().string();
     if (name.compare(0, 7, "renderD") == 0) return name;
   }
   return {};

@@ -67,7 +67,7 @@ std::string findEncoder() {
   const char* search = getenv("PATH");
   std::string folders = std::string("/usr/bin:") + (search == nullptr ? "/bin" : search) + ":";
   for (size_t end = folders.find(':'); end != std::string::npos; end = folders.find(':')) {
-    const std::string path = folders.substr(0, end) + "/ffmpeg";
+    std::string path = folders.substr(0, end) + "/ffmpeg";
     folders.erase(0, end + 1);
     if (path.front() == '/' && access(path.c_str(), X_OK) == 0 && !isThisProgram(path)) return path;
   }

@@ -31,7 +31,7 @@ class FolderNotify : public testing::Test {
     EXPECT_EQ(m_notify.x_inotifytools_pre_init(&m_wakeUp), 0);
     EXPECT_EQ(m_notify.x_inotifytools_initialize(), 0);
   }
-  ~FolderNotify() override {
+  void TearDown() override {
     m_notify.x_inotifytools_cleanup();
     sem_destroy(&m_wakeUp);
   }

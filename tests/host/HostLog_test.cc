@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <sstream>
@@ -191,11 +193,10 @@ TEST(HostLog, AForkedChildCutsWhatItsStackCannotHold) {
 TEST(HostLog, AForkedChildNeverWaitsForALockOfItsParent) {
   const FileLog file;
   std::atomic<bool> keepOn{true};
-  std::vector<std::thread> writers;
-  for (int i = 0; i < 2; ++i)
-    writers.emplace_back([&] {
-      while (keepOn) logPlain("busy\n");
-    });
+  const auto writeOn = [&] {
+    while (keepOn) logPlain("busy\n");
+  };
+  std::array<std::thread, 2> writers = {std::thread(writeOn), std::thread(writeOn)};
   bool allEnded = true;
   for (int i = 0; i < 50 && allEnded; ++i) {
     const pid_t child = fork();

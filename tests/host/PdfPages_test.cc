@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -61,4 +62,18 @@ TEST(PdfPages, GivesZeroWithAReasonForWhatIsNoDocument) {
   EXPECT_EQ(kxPdfGetPageNumber(dir / "doc.pdf"), 0);
   EXPECT_EQ(kxPdfGetPageNumber(dir / "absent.pdf"), 0);
   EXPECT_TRUE(log.hasPart("can not count the pages of " + (dir / "absent.pdf")));
+}
+
+TEST(PdfPages, GivesPagesOrAReasonForEveryRealDocument) {
+  const auto media = kxtest::mediaDir();
+  if (!media) GTEST_SKIP() << "no real media";
+  int countable = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(*media + "/pdf")) {
+    const RecordingLog log;
+    const int pages = kxPdfGetPageNumber(entry.path().string());
+    EXPECT_GE(pages, 0) << entry.path();
+    EXPECT_EQ(pages == 0, log.hasPart(entry.path().string())) << entry.path();
+    countable += pages > 0 ? 1 : 0;
+  }
+  EXPECT_GT(countable, 0);
 }
