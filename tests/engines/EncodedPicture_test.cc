@@ -113,12 +113,11 @@ std::string entry(const std::string& path, const std::string& name) {
 
 Picture pictureOf(const std::string& path) {
   std::map<std::string, std::string> facts;
-  std::istringstream lines(
-      run({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
-           "stream=codec_name,profile,width,height,sample_aspect_ratio,pix_fmt:"
-           "stream_side_data=rotation",
-           "-of", "default=nw=1", path})
-          .value_or(""));
+  const std::string wanted = "stream=codec_name,profile,width,height,sample_aspect_ratio,pix_fmt:"
+                             "stream_side_data=rotation";
+  std::istringstream lines(run({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
+                                wanted, "-of", "default=nw=1", path})
+                               .value_or(""));
   for (std::string key, value; std::getline(lines, key, '=') && std::getline(lines, value);)
     facts[key] = value;
   int num = 1;
