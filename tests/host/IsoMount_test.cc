@@ -97,6 +97,20 @@ TEST_P(IsoMount, ReleasesWhatAKilledProcessLeftMounted) {
   EXPECT_TRUE(nothingMounted());
 }
 
+TEST(RealImages, MountOrFailAndLeaveNothing) {
+  const auto media = kxtest::mediaDir();
+  if (!media) GTEST_SKIP() << "no real media";
+  const RecordingLog log;
+  const PrivateRoot root;
+  for (const auto& entry : fs::directory_iterator(*media + "/iso")) {
+    char mountPoint[1024];
+    if (mountIso(entry.path().c_str(), mountPoint, sizeof mountPoint) != 0) continue;
+    EXPECT_TRUE(fs::is_directory(mountPoint)) << entry.path();
+    EXPECT_EQ(umountIso(mountPoint), 0) << entry.path();
+  }
+  EXPECT_TRUE(fs::is_empty(kxhost::isoMountFolder()));
+}
+
 TEST(DiscFolder, IsFoundAtTheTopOrOneFolderBelow) {
   const TempDir dir;
   char folder[1024];
