@@ -50,7 +50,9 @@ CLI::App* command(CLI::App& app, Program& program, const std::string& name, cons
 void addJobCommands(CLI::App& app, Program& p) {
   CLI::App* add = command(app, p, "add", "Queue files", [&p](Commands& c) { return c.add(p.add); });
   add->add_option("file", p.add.files, "Media files, disc images or disc folders")->required();
-  add->add_option("-p,--profile", p.add.profiles, "Profiles, separated by commas")->delimiter(',');
+  add->add_option("-p,--profile", p.add.profiles, "Profiles, separated by commas")
+      ->delimiter(',')
+      ->allow_extra_args(false);
   add->add_flag("--all", p.add.allProfiles, "Every profile");
   add->add_option("--rotate", p.add.rotation, "Rotation of the source in degrees")
       ->check(CLI::IsMember({0, 90, 180, 270}));

@@ -48,6 +48,8 @@ install_packages() {
 build() {
   local preset=$1
   shift
+  # Two checkouts of the same sources share what they compiled.
+  export CCACHE_BASEDIR=$KX_SOURCE CCACHE_NOHASHDIR=1
   [ -f "$KX_SOURCE/build/$preset/build.ninja" ] ||
     (cd "$KX_SOURCE" && cmake --preset "$preset" -Wno-dev >/dev/null)
   cmake --build "$KX_SOURCE/build/$preset" ${1:+--target "$@"}

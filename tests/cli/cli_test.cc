@@ -200,6 +200,12 @@ TEST(Client, SendsTheProfilesAsRowBits) {
                                     "--profile", "mobile480p,video2audio", "--rotate", "90",
                                     "--audio", "1", "--subtitle-track", "2"});
   EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+  EXPECT_EQ(
+      xcodectl({"--socket", dir / "s.sock", "add", "-p", "mobile480p", "-p", "video2audio",
+                "--rotate", "90", "--audio", "1", "--subtitle-track", "2", dir / "clip one.mp4"})
+          .exitCode,
+      0)
+      << "options before the files";
   EXPECT_EQ(sent["src"], dir / "clip one.mp4");
   EXPECT_EQ(sent["jobFlag"], 0x44);
   EXPECT_EQ(sent["rotation"], 90);
