@@ -39,7 +39,7 @@ std::optional<long long> bootTime() {
   return std::nullopt;
 }
 
-// Seconds since the epoch at which a process started; nothing when there is no such process.
+// Seconds since the epoch at which a process started; nothing when no such process runs.
 std::optional<long long> startTime(long long pid) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
   std::string text;
@@ -47,8 +47,11 @@ std::optional<long long> startTime(long long pid) {
   // The program's name may hold blanks and parentheses, so fields are counted behind it.
   std::istringstream fields(text.substr(text.rfind(')') + 1));
   std::string field;
-  for (int number = 3; number <= 22; ++number)
+  for (int number = 3; number <= 22; ++number) {
     if (!(fields >> field)) return std::nullopt;
+    // A zombie waits to be reaped by its parent, which may take its time.
+    if (number == 3 && (field == "Z" || field == "X")) return std::nullopt;
+  }
   const std::optional<long long> boot = bootTime();
   if (!boot) return std::nullopt;
   return *boot + atoll(field.c_str()) / sysconf(_SC_CLK_TCK);

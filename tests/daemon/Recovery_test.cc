@@ -63,6 +63,16 @@ TEST(Leftovers, AreNamedAfterAProcessThatIsGone) {
   EXPECT_TRUE(isLeftover(nameOf(deadPid(), time(nullptr), "")));
 }
 
+TEST(Leftovers, AreNamesOfProcessesThatOnlyWaitToBeReaped) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(0);
+  ASSERT_GT(pid, 0);
+  siginfo_t info;
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+  EXPECT_TRUE(isLeftover(nameOf(pid, time(nullptr))));
+  ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+}
+
 TEST(Leftovers, OfALivingProcessStay) {
   EXPECT_FALSE(isLeftover(nameOf(getpid(), time(nullptr))));
   EXPECT_FALSE(isLeftover(nameOf(getppid(), time(nullptr))));
