@@ -25,7 +25,7 @@ BUILD_PACKAGES=(
 # What the tests need beyond that.
 TEST_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev clang clang-format clang-tidy
-  libclang-rt-14-dev sqlite3 procps util-linux binutils
+  libclang-rt-14-dev sqlite3 bc procps util-linux binutils
 )
 
 # install_packages NAME...: installs with apt what dpkg does not know as installed.
