@@ -15,9 +15,10 @@ std::optional<Peer> peerOf(int fd) {
   Peer peer{credentials.pid, credentials.uid, {credentials.gid}};
   std::vector<gid_t> groups(1024);
   socklen_t bytes = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) == 0)
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) == 0) {
     peer.groups.insert(peer.groups.end(), groups.begin(),
                        groups.begin() + static_cast<ptrdiff_t>(bytes / sizeof(gid_t)));
+  }
   return peer;
 }
 

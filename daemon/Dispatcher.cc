@@ -24,9 +24,10 @@ void cpuLimit(const KxSockData_s& request) {
 void memLimit(const KxSockData_s& request) {
   const int limit = requestNumber(request, 1);
   if (limit == -1) return;
-  if (limit < kLeastMemoryKb || limit >= MyUtil_GetTotalMem())
+  if (limit < kLeastMemoryKb || limit >= MyUtil_GetTotalMem()) {
     throw RequestError("the limit is neither -1 nor between " + std::to_string(kLeastMemoryKb) +
                        " kB and the memory of the machine");
+  }
 }
 
 void onOff(const KxSockData_s& request) {
@@ -38,9 +39,10 @@ void folder(const KxSockData_s& request) {
   const std::string path = requestPath(request, 1);
   if (path.find_first_not_of('/') == std::string::npos)
     throw RequestError("the whole file system cannot be watched");
-  for (const std::string system : {"/proc", "/sys", "/dev"})
+  for (const std::string system : {"/proc", "/sys", "/dev"}) {
     if (path == system || path.compare(0, system.size() + 1, system + "/") == 0)
       throw RequestError(system + " cannot be watched");
+  }
 }
 
 void folderAndTarget(const KxSockData_s& request) {
@@ -92,7 +94,7 @@ const std::vector<Command>& commandTable() {
       {KX_CMD_DELETE_JOB, "delete-job", Change, nothing, nullptr, &Jobs::remove},
       {KX_CMD_CANCEL_JOB, "cancel-job", Change, nothing, nullptr, &Jobs::cancel},
       {KX_CMD_RETRY_JOB, "retry-job", Change, nothing, nullptr, &Jobs::retry},
-      {KX_CMD_SWAP_JOB, "swap-job", Change, nothing, nullptr, &Jobs::swap},
+      {KX_CMD_SWAP_JOB, "swap-job", Change, nothing, nullptr, &Jobs::swapPlaces},
       {KX_CMD_MOVE_JOB, "move-job", Change, nothing, nullptr, &Jobs::move},
       {KX_CMD_CLEAN_JOBS, "clean-jobs", Change, nothing, nullptr, &Jobs::clean},
       {KX_CMD_COUNT_JOB, "count-job", Everybody, nothing, nullptr, &Jobs::count},

@@ -14,12 +14,10 @@
 #include "Misc.h"
 #include "daemon/AccessRule.h"
 #include "daemon/LibraryLocks.h"
-#include "frame/Log.h"
 
 namespace xcoded {
 namespace {
 
-constexpr const char* kLogSource = "xcoded";
 constexpr int64_t kMaxTrack = 1000;
 constexpr int64_t kMaxPriority = 1000;
 constexpr int64_t kAllProfiles = 0x7f;
@@ -88,7 +86,7 @@ void checkSource(const std::string& path) {
 
 std::string askedSubtitle(RequestJson& json) {
   if (!json.has("subtitle") || json.text("subtitle", PATH_MAX - 1, "").empty()) return "";
-  const std::string path = json.path("subtitle");
+  std::string path = json.path("subtitle");
   struct stat info {};
   if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
     throw RequestError("the subtitle is not a readable file");
@@ -96,7 +94,7 @@ std::string askedSubtitle(RequestJson& json) {
 }
 
 std::string askedColour(RequestJson& json) {
-  const std::string colour = json.text("subColor", 32, "");
+  std::string colour = json.text("subColor", 32, "");
   const bool isPlain = std::all_of(colour.begin(), colour.end(), [](unsigned char c) {
     return isalnum(c) != 0 || c == '#' || c == '&';
   });
@@ -176,11 +174,12 @@ KxDBTaskParam rowOf(int64_t id) {
 
 nlohmann::json outputsOf(const KxDBTaskParam& job) {
   nlohmann::json outputs = nlohmann::json::array();
-  for (const KxJobOutput& output : kxJobOutputs(job))
+  for (const KxJobOutput& output : kxJobOutputs(job)) {
     outputs.push_back({{"profile", output.profile},
                        {"path", output.path},
                        {"link", output.link},
                        {"exists", access(output.path.c_str(), F_OK) == 0}});
+  }
   return outputs;
 }
 
@@ -353,7 +352,7 @@ Answer JobCommands::retry(int, const KxSockData_s& request) {
   return answerOf(isBack ? "" : "the job store refused the change");
 }
 
-Answer JobCommands::swap(int, const KxSockData_s& request) {
+Answer JobCommands::swapPlaces(int, const KxSockData_s& request) {
   RequestJson json(request);
   const int64_t id = askedId(json);
   const int64_t with = askedId(json, "with");

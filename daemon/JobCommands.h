@@ -22,7 +22,7 @@ class JobCommands {
   Answer remove(int fd, const KxSockData_s& request);
   Answer cancel(int fd, const KxSockData_s& request);
   Answer retry(int fd, const KxSockData_s& request);
-  Answer swap(int fd, const KxSockData_s& request);
+  Answer swapPlaces(int fd, const KxSockData_s& request);
   Answer move(int fd, const KxSockData_s& request);
   Answer clean(int fd, const KxSockData_s& request);
   Answer importLegacy(int fd, const KxSockData_s& request);

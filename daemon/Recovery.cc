@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <regex>
@@ -57,45 +56,48 @@ std::optional<long long> startTime(long long pid) {
   return *boot + atoll(field.c_str()) / sysconf(_SC_CLK_TCK);
 }
 
+// Fails with a failed parent, unless the name is absolute.
 UniqueFd openFolder(int parent, const std::string& name, int extraFlags) {
   return UniqueFd(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | extraFlags));
 }
 
-// Calls back with the leftovers in a folder.
-void forEachLeftover(UniqueFd folder, const std::function<void(int, const std::string&)>& found) {
-  if (!folder) return;
-  std::unique_ptr<DIR, CloseDir> stream(fdopendir(folder.get()));
-  if (!stream) return;
-  const int fd = folder.release();
+std::vector<std::string> leftoversIn(int folder) {
   std::vector<std::string> names;
+  // The stream closes its descriptor.
+  UniqueFd copy(fcntl(folder, F_DUPFD_CLOEXEC, 0));
+  if (!copy) return names;
+  const std::unique_ptr<DIR, CloseDir> stream(fdopendir(copy.get()));
+  if (!stream) return names;
+  copy.release();
   while (const dirent* entry = readdir(stream.get()))
     if (isLeftover(entry->d_name)) names.emplace_back(entry->d_name);
-  for (const std::string& name : names) found(fd, name);
+  return names;
 }
 
 // The folder belongs to a user, who may have put a link in place of any part of it.
 void cleanTempBeside(const std::string& sourceFolder) {
   const UniqueFd source = openFolder(AT_FDCWD, sourceFolder, 0);
-  if (!source) return;
   const UniqueFd thumb = openFolder(source.get(), ".@__thumb", O_NOFOLLOW);
-  if (!thumb) return;
-  forEachLeftover(
-      openFolder(thumb.get(), "temp", O_NOFOLLOW), [&](int folder, const std::string& name) {
-        KX_LOG_LEVEL(4, "remove leftover %s of %s\n", name.c_str(), sourceFolder.c_str());
-        if (unlinkat(folder, name.c_str(), 0) != 0)
-          KX_LOG_ERRNO("remove leftover %s fail", name.c_str());
-      });
+  const UniqueFd temp = openFolder(thumb.get(), "temp", O_NOFOLLOW);
+  if (!source || !thumb || !temp) return;
+  for (const std::string& name : leftoversIn(temp.get())) {
+    KX_LOG_LEVEL(4, "remove leftover %s of %s\n", name.c_str(), sourceFolder.c_str());
+    if (unlinkat(temp.get(), name.c_str(), 0) != 0)
+      KX_LOG_ERRNO("remove leftover %s fail", name.c_str());
+  }
 }
 
 void cleanWorkFolders() {
   std::string disk;
   if (miscGetHDDPath(disk) != 0) return;
   const std::string parent = convertFolderPath(disk) + ".system/transcode/";
-  forEachLeftover(openFolder(AT_FDCWD, parent, O_NOFOLLOW), [&](int, const std::string& name) {
+  const UniqueFd folder = openFolder(AT_FDCWD, parent, O_NOFOLLOW);
+  if (!folder) return;
+  for (const std::string& name : leftoversIn(folder.get())) {
     KX_LOG_LEVEL(4, "remove leftover %s%s\n", parent.c_str(), name.c_str());
     if (myremove((parent + name).c_str()) != 0)
       KX_LOG_LEVEL(3, "remove leftover %s%s fail\n", parent.c_str(), name.c_str());
-  });
+  }
 }
 
 std::vector<KxDBTask> runningRows() {

@@ -86,9 +86,10 @@ int64_t RequestJson::integer(const char* key, int64_t min, int64_t max) {
   const bool tooBig =
       value->is_number_unsigned() && value->get<uint64_t>() > static_cast<uint64_t>(INT64_MAX);
   const int64_t number = tooBig ? 0 : value->get<int64_t>();
-  if (tooBig || number < min || number > max)
+  if (tooBig || number < min || number > max) {
     throw RequestError(name + " is not between " + std::to_string(min) + " and " +
                        std::to_string(max));
+  }
   return number;
 }
 
@@ -122,9 +123,10 @@ std::string RequestJson::path(const char* key) {
 }
 
 void RequestJson::finish() const {
-  for (const auto& [key, value] : m_object.items())
+  for (const auto& [key, value] : m_object.items()) {
     if (m_asked.count(key) == 0)
       throw RequestError("unknown field \"" + key.substr(0, kShownKey) + "\"");
+  }
 }
 
 }  // namespace xcoded

@@ -24,7 +24,7 @@ struct SchedulerState {
 };
 
 // Memory that each unit beyond the first needs, in kilobytes.
-constexpr int64_t kUnitMemoryKb = 400 * 1024;
+constexpr int64_t kUnitMemoryKb = int64_t{400} * 1024;
 
 // How many more units may start now.
 int freeSlots(const SchedulerState& state);

@@ -71,10 +71,11 @@ int serve(const xcoded::CommandLine& line) {
 
   TranscodeServer server(conf, !line.foreground);
   if (!StopSignal::install()) return fail("cannot install signal handlers");
-  if (line.foreground)
+  if (line.foreground) {
     connectToNull({STDIN_FILENO});
-  else if (detachFromTerminal(server) != 0)
+  } else if (detachFromTerminal(server) != 0) {
     return 1;
+  }
   openLog(conf, line.foreground);
   lock.writePid();
   if (server.svrInit() != 0) _exit(fail("cannot start, see the service log"));
@@ -85,12 +86,7 @@ int serve(const xcoded::CommandLine& line) {
   _exit(server.svrRun());
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  // Short-lived client threads would each keep memory of their own otherwise.
-  mallopt(M_ARENA_MAX, 2);
-  umask(022);
+int runProgram(int argc, char** argv) {
   xcoded::CommandLine line;
   CLI::App app("The media transcoding service", "xcoded");
   app.set_version_flag("--version", std::string("xcoded ") + KX_VERSION);
@@ -103,4 +99,19 @@ int main(int argc, char** argv) {
   line.root = absolute(line.root);
   line.socket = absolute(line.socket);
   return serve(line);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Short-lived client threads would each keep memory of their own otherwise.
+  mallopt(M_ARENA_MAX, 2);
+  umask(022);
+  try {
+    return runProgram(argc, argv);
+  } catch (const std::exception& error) {
+    fputs("xcoded: ", stderr);
+    fputs(error.what(), stderr);
+    return 1;
+  }
 }

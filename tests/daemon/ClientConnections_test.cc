@@ -94,12 +94,14 @@ TEST(ClientConnections, AnswersAndClosesAfterEachRequest) {
 TEST(ClientConnections, ManyClientsAtOnceAreAllServed) {
   Server server({3, 10000ms});
   std::vector<std::thread> clients;
+  clients.reserve(24);
   std::atomic<int> good{0};
-  for (int i = 1; i <= 24; ++i)
+  for (int i = 1; i <= 24; ++i) {
     clients.emplace_back([&, i] {
       for (int n = 0; n < 5; ++n)
         if (server.ask(i) == i) ++good;
     });
+  }
   for (std::thread& client : clients) client.join();
   EXPECT_EQ(good, 120);
 }
@@ -128,6 +130,7 @@ TEST(ClientConnections, ATrickleOfBytesDoesNotExtendTheTime) {
 TEST(ClientConnections, SlowClientsDoNotKeepOthersOut) {
   Server server({2, 60000ms});
   std::vector<UniqueFd> slow;
+  slow.reserve(6);
   for (int i = 0; i < 6; ++i) slow.emplace_back(server.connect());
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(server.ask(6), 6);

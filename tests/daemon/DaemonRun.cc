@@ -165,9 +165,10 @@ std::set<pid_t> DaemonRun::children() const {
 pid_t DaemonRun::waitForEncoder() const {
   pid_t found = -1;
   waitUntil([&] {
-    for (const auto& unit : units())
+    for (const auto& unit : units()) {
       if (unit.value("state", 0) == 2 && processRuns(unit.value("pid", -1)))
         found = unit.value("pid", -1);
+    }
     return found > 0;
   });
   return found;

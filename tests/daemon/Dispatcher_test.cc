@@ -63,9 +63,9 @@ TEST(Dispatcher, EveryCodeIsDocumented) {
     const Command* command = findCommand(code);
     ASSERT_NE(command, nullptr) << name;
     const std::string right = command->right == Right::Everybody ? "everybody" : "change";
-    // Dumps carry their right in the third column like all others.
-    EXPECT_NE(page.find("| " + std::to_string(code) + " | `" + name + "` | " + right + " |"),
-              std::string::npos)
+    std::string row = "| " + std::to_string(code);
+    row.append(" | `").append(name).append("` | ").append(right).append(" |");
+    EXPECT_NE(page.find(row), std::string::npos)
         << name << " has no row in docs/protocol.md with its code and right";
   }
 }

@@ -278,7 +278,7 @@ TEST_F(JobCommandsTest, MovingAndSwappingKeepTheRanksDense) {
   for (const char* priority : {"0", "1", "2", "3"})
     ids.push_back(add("a.mp4", {{"priority", std::stoi(priority)}}));
   using Ids = std::vector<int64_t>;
-  EXPECT_EQ(run(&JobCommands::swap, {{"id", ids[0]}, {"with", ids[3]}}).result, 0);
+  EXPECT_EQ(run(&JobCommands::swapPlaces, {{"id", ids[0]}, {"with", ids[3]}}).result, 0);
   EXPECT_EQ(order(), (Ids{ids[3], ids[1], ids[2], ids[0]}));
   EXPECT_EQ(run(&JobCommands::move, {{"id", ids[0]}, {"rank", 2}}).result, 0);
   EXPECT_EQ(order(), (Ids{ids[3], ids[0], ids[1], ids[2]}));
@@ -286,8 +286,8 @@ TEST_F(JobCommandsTest, MovingAndSwappingKeepTheRanksDense) {
   EXPECT_EQ(json::parse(last.text).at("rank"), 4);
   EXPECT_EQ(order(), (Ids{ids[0], ids[1], ids[2], ids[3]}));
   for (size_t i = 0; i < ids.size(); ++i) EXPECT_EQ(row(ids[i]).rank, static_cast<int64_t>(i) + 1);
-  EXPECT_NE(refusal(&JobCommands::swap, {{"id", ids[0]}, {"with", ids[0]}}), "");
-  EXPECT_NE(refusal(&JobCommands::swap, {{"id", ids[0]}, {"with", 999}}), "");
+  EXPECT_NE(refusal(&JobCommands::swapPlaces, {{"id", ids[0]}, {"with", ids[0]}}), "");
+  EXPECT_NE(refusal(&JobCommands::swapPlaces, {{"id", ids[0]}, {"with", 999}}), "");
   EXPECT_NE(refusal(&JobCommands::move, {{"id", ids[0]}, {"rank", 0}}), "");
   EXPECT_NE(refusal(&JobCommands::move, {{"id", 999}, {"rank", 1}}), "");
 }

@@ -23,6 +23,7 @@ using nlohmann::json;
 namespace {
 
 constexpr int kUnfinished = 1 << JOB_WAITING | 1 << JOB_RUNNING;
+constexpr const char* kDaemon = KX_BUILD_DIR "/bin/xcoded";
 constexpr auto kAtOnce = 1000ms;  // in which a command on a running job must show
 
 bool atOnce(const std::function<bool()>& condition) {
@@ -375,7 +376,7 @@ TEST(Daemon, MalformedRequestsGetAnErrorAndTouchNothing) {
   for (const int32_t code :
        {KX_CMD_REG_PROCESS, KX_CMD_ADD_JOB, KX_CMD_QUERY_JOB, KX_CMD_DELETE_JOB, KX_CMD_CANCEL_JOB,
         KX_CMD_RETRY_JOB, KX_CMD_SWAP_JOB, KX_CMD_MOVE_JOB, KX_CMD_CLEAN_JOBS, KX_CMD_COUNT_JOB,
-        KX_CMD_SHOW_JOB})
+        KX_CMD_SHOW_JOB}) {
     for (const std::string& text :
          {noNul, nested, std::string("{"), std::string("[]"), std::string("null"),
           std::string("\x80\xff{}"), std::string(R"({"id":"1"})"), std::string(R"({"id":1.5})"),
@@ -383,6 +384,7 @@ TEST(Daemon, MalformedRequestsGetAnErrorAndTouchNothing) {
           std::string(R"({"nonsense":true})"), std::string(R"({"src":["/a"],"jobFlag":1})"),
           std::string(R"({"id":1,"id2":2})"), std::string(R"({"limit":-1})")})
       cases.push_back({code, 0, text});
+  }
   for (const Case& one : cases) {
     auto request = makeRequest(one.code);
     putNumber(*request, 1, one.number);
@@ -403,7 +405,7 @@ TEST(Daemon, PathBlocksWithoutNulOrWithNewlinesAreRefused) {
   const DaemonRoot root;
   const DaemonRun daemon(root);
   for (const int32_t code : {KX_CMD_ADD_FOLDER, KX_CMD_DEL_FOLDER, KX_CMD_UPDATE_FOLDER,
-                             KX_CMD_IMPORT_LEGACY, KX_CMD_ADD_JOB})
+                             KX_CMD_IMPORT_LEGACY, KX_CMD_ADD_JOB}) {
     for (const std::string& path :
          {std::string(KxSockData_s::kBlockSize, '/'), std::string("/a\nb"), std::string("a"),
           std::string("/x/../y"), std::string()}) {
@@ -413,6 +415,7 @@ TEST(Daemon, PathBlocksWithoutNulOrWithNewlinesAreRefused) {
       ASSERT_TRUE(answer) << code << path.substr(0, 20);
       EXPECT_NE(numberOf(*answer, 1), 0) << code << path.substr(0, 20);
     }
+  }
 }
 
 TEST(Daemon, AShortRecordClosesTheConnectionOnly) {
@@ -475,15 +478,13 @@ TEST(Daemon, RightsFollowTheUserAtTheOtherEnd) {
   EXPECT_EQ(asUser(65534, 65534, {}, addJob), 1);
   EXPECT_EQ(daemon.count(1 << 4), 0) << "nothing was queued";
   for (const int32_t code : {KX_CMD_START, KX_CMD_PAUSE, KX_CMD_SET_CPU_LIMIT, KX_CMD_DELETE_JOB,
-                             KX_CMD_CLEAN_JOBS, KX_CMD_DUMP_JOB, KX_CMD_REG_PROCESS})
-    EXPECT_EQ(
-        asUser(65534, 65534, {},
-               [&] {
-                 const auto answer = daemon.ask(code, 1);
-                 return answer && jsonOf(*answer) == json({{"error", "permission denied"}}) ? 0 : 1;
-               }),
-        0)
-        << code;
+                             KX_CMD_CLEAN_JOBS, KX_CMD_DUMP_JOB, KX_CMD_REG_PROCESS}) {
+    const auto isDenied = [&] {
+      const auto answer = daemon.ask(code, 1);
+      return answer && jsonOf(*answer) == json({{"error", "permission denied"}}) ? 0 : 1;
+    };
+    EXPECT_EQ(asUser(65534, 65534, {}, isDenied), 0) << code;
+  }
   EXPECT_EQ(asUser(65534, 4711, {}, addJob), 0) << "by the primary group";
   EXPECT_EQ(asUser(65534, 65534, {5, 4711}, addJob), 0) << "by a further group";
   EXPECT_EQ(daemon.count(1 << 4), 1);
@@ -530,9 +531,8 @@ TEST(Daemon, TwoOnOneRootAreRefused) {
   DaemonRun first(root);
   ChildProcess::Options options;
   options.stderrFile = root / "second.log";
-  ChildProcess second = ChildProcess::spawn({KX_BUILD_DIR "/bin/xcoded", "--foreground", "--root",
-                                             root.path(), "--socket", root / "other.sock"},
-                                            options);
+  ChildProcess second = ChildProcess::spawn(
+      {kDaemon, "--foreground", "--root", root.path(), "--socket", root / "other.sock"}, options);
   const auto status = second.waitFor(20s);
   ASSERT_TRUE(status);
   EXPECT_EQ(WEXITSTATUS(*status), 1);
@@ -545,7 +545,7 @@ TEST(Daemon, TwoOnOneRootAreRefused) {
 TEST(Daemon, DetachesAndWritesItsPidAndItsLog) {
   const DaemonRoot root;
   // The end of its output tells that it serves.
-  ASSERT_TRUE(run({KX_BUILD_DIR "/bin/xcoded", "--root", root.path()}));
+  ASSERT_TRUE(run({kDaemon, "--root", root.path()}));
   EXPECT_TRUE(fs::exists(root / "run/xcode/control.sock"));
   const pid_t pid = atoi(readFile(root / "run/xcode/xcoded.lock").c_str());
   ASSERT_TRUE(processRuns(pid));
