@@ -91,6 +91,18 @@ TEST_F(PdfJob, EveryPageIsRenderedAndMadeKnown) {
   EXPECT_EQ(world.registrations(), 0u);
 }
 
+TEST_F(PdfJob, TheInstalledRendererGivesPictures) {
+  if (!fs::exists("/usr/bin/gs")) GTEST_SKIP() << "no renderer is installed";
+  fs::create_symlink("/usr/bin/gs", world.root().file("/usr/local/sbin/gs"));
+  const std::string source = makePdf("it's 5% (new).pdf", 2);
+  const KxDBTaskParam row = world.run(source, PROFILE_240P);
+  ASSERT_EQ(row.status, JOB_DONE) << world.reason(row.id);
+  for (const char* page : {"it's 5% (new)-1.jpg", "it's 5% (new)-2.jpg"})
+    EXPECT_EQ(readFile(source + ".album/" + page).substr(0, 3), "\xff\xd8\xff");
+  EXPECT_TRUE(log.has("curPage=2, unitProgress=100\n"));
+  for (const auto& name : world.mediaFiles()) EXPECT_EQ(name.find("gstmp"), std::string::npos);
+}
+
 TEST_F(PdfJob, TheScratchFolderIsTheRenderersAndGoesWithIt) {
   setRenderer("echo jpg > \"$f\"; echo x > \"$TMPDIR/scratch\"");
   const std::string source = makePdf("paper.pdf", 1);
