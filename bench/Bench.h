@@ -45,6 +45,7 @@ double seconds(const Work& work) {
 template <class Work>
 double medianSeconds(int runs, const Work& work) {
   std::vector<double> all;
+  all.reserve(static_cast<size_t>(runs));
   for (int i = 0; i < runs; ++i) all.push_back(seconds(work));
   std::sort(all.begin(), all.end());
   return all[all.size() / 2];

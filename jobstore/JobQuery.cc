@@ -25,9 +25,10 @@ std::string filter(const KxDBGetJobParam& query) {
       separator = " OR ";
     }
   }
-  if (query.insertType != -1)
+  if (query.insertType != -1) {
     text += (everyStatus ? " WHERE" : " AND") + std::string(" InsertType = ") +
             std::to_string(query.insertType) + " ";
+  }
   if (query.mediaType != 0) text += " AND MediaType = " + std::to_string(query.mediaType) + " ";
   return text;
 }

@@ -17,11 +17,12 @@ constexpr const char* kCommand = "/usr/local/medialibrary/bin/catalogcmd";
 constexpr std::chrono::milliseconds kLongestStep(500);
 
 bool runCommand(const std::vector<std::string>& argv) {
-  // Without the program there is nothing to fork for.
+  // Without the program there is nothing to start.
   if (access(argv[0].c_str(), X_OK) != 0) return false;
-  const pid_t pid = miscLaunchCmdNoWait(argv, "");
-  if (pid <= 0) return false;
-  ChildProcess child = ChildProcess::adopt(pid);
+  miscPrintCmdVec(argv);
+  // Not by a fork: its cost grows with the memory of this process, and callers hold locks.
+  ChildProcess child = ChildProcess::spawn(argv, {});
+  if (!child.valid()) return false;
   auto status = child.waitFor(kLongestStep);
   while (!status) status = child.waitFor(kLongestStep);
   return checkSystemReturn(*status) == 0;

@@ -105,10 +105,10 @@ TEST_F(FileTracking, AResetTouchesTheFilesDirectlyInTheFolderOnly) {
 
 TEST_F(FileTracking, OnlyTheInsertTellsWhatTheEngineSaid) {
   store->addDBFile({"known", "/x/", 5, 1});
-  for (const std::string event : {"INSERT", "UPDATE", "DELETE"})
-    ASSERT_EQ(store->exec("CREATE TRIGGER on" + event + " BEFORE " + event +
-                          " ON FileTable BEGIN SELECT RAISE(ABORT, 'refused'); END"),
-              0);
+  for (const char* event : {"INSERT", "UPDATE", "DELETE"}) {
+    OtherConnection(dbPath()).run("CREATE TRIGGER on" + std::string(event) + " BEFORE " + event +
+                                  " ON FileTable BEGIN SELECT RAISE(ABORT, 'refused'); END");
+  }
   EXPECT_EQ(store->addDBFile({"new", "/x/", 5, 1}), 1);
   EXPECT_TRUE(log.has(5, "KxTransDBMgr", "step filed:refused\n"));
   EXPECT_EQ(store->addDBFile({"known", "/x/", 6, 1}), 1);

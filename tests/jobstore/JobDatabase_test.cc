@@ -117,10 +117,11 @@ TEST_F(JobDatabase, AMissingVersionTableIsLoggedWithTheEnginesText) {
   ASSERT_EQ(store->init(dbPath()), 0);
   EXPECT_TRUE(log.has("sqlite3_exec 'SELECT * FROM VersionTable' fail\n"));
   EXPECT_TRUE(log.has("no such table: VersionTable\n"));
-  for (const auto& line : log.lines())
+  for (const auto& line : log.lines()) {
     if (line.text == "no such table: VersionTable\n") {
       EXPECT_EQ(line.func, "init");
     }
+  }
 }
 
 TEST_F(JobDatabase, ADamagedFileIsReplaced) {
@@ -206,7 +207,7 @@ TEST_F(JobDatabase, AnIndexServesTheLookUpsBySourceAndRank) {
   EXPECT_THAT(db.rows("EXPLAIN QUERY PLAN SELECT * FROM JobTable ORDER BY Rank ASC , Rank ASC "
                       "LIMIT 10 OFFSET 5")
                   .front(),
-              testing::HasSubstr("USING INDEX JobRank"));
+              testing::HasSubstr("USING INDEX JobPlace"));
 }
 
 TEST_F(JobDatabase, AFileHeldByAnotherProcessIsWaitedForAndNotReplaced) {

@@ -15,8 +15,8 @@ class JobQueries : public JobStoreTest {
   // One job for each pair of status and insert type, named "sSTATUSiTYPE"; its media type is
   // 1 more than the insert type.
   void fill() {
-    for (const int status : {0, 1, 2, 3, 4, 5})
-      for (const int insertType : {0, 1})
+    for (const int status : {0, 1, 2, 3, 4, 5}) {
+      for (const int insertType : {0, 1}) {
         ASSERT_EQ(store->exec("INSERT INTO JobTable (SrcPath, DstPath, Status, InsertType, "
                               "MediaType, Priority, Rank) VALUES('s" +
                               std::to_string(status) + "i" + std::to_string(insertType) +
@@ -25,6 +25,8 @@ class JobQueries : public JobStoreTest {
                               ", " + std::to_string(insertType) +
                               ", (SELECT IFNULL(MAX(Rank), 0) + 1 FROM JobTable))"),
                   0);
+      }
+    }
   }
   std::vector<std::string> names(const KxDBGetJobParam& query) {
     std::vector<std::string> result;

@@ -209,10 +209,11 @@ TEST_F(JobQueue, TheVideoTrackWithTheLargestPictureReplacesTheAskedOne) {
   EXPECT_TRUE(log.has("name=" + clip + ", vid=1, w=320, h=240\n"));
   EXPECT_TRUE(log.has("name=" + clip + ", vid=2, w=240, h=320\n"));
   EXPECT_TRUE(log.has("spec#17964, name=" + clip + ", auto choose vid = 1\n"));
-  for (const auto& line : log.lines())
+  for (const auto& line : log.lines()) {
     if (line.text.starts_with("spec#")) {
       EXPECT_EQ(line.func, "addDBJob");
     }
+  }
 }
 
 TEST_F(JobQueue, TheChosenTrackCountsForMerging) {
@@ -289,10 +290,11 @@ TEST_F(JobQueue, AMissingOrFailingMarkCommandDoesNotFailTheOperation) {
   root.script("/usr/local/medialibrary/bin/catalogcmd", "kill -9 $$\n");
   queueSource("c.mp3");
   EXPECT_EQ(log.count(failure), 3U);
-  for (const auto& line : log.lines())
+  for (const auto& line : log.lines()) {
     if (line.text == failure) {
       EXPECT_EQ(line.func, "updateMLDBTranscodeStatus");
     }
+  }
   EXPECT_THAT(ranks(), ElementsAre(1, 2, 3));
 }
 
@@ -448,12 +450,13 @@ TEST_F(JobQueue, DeletesByFileAndByFolderSelectByStatusAndInsertType) {
                           Case{0, 0, 3}, Case{3, -1, 4}}) {
       change("DELETE FROM JobTable");
       KxDBTaskParam param = request(source("f/a.mp3"));
-      for (const int32_t insertType : {0, 1})
+      for (const int32_t insertType : {0, 1}) {
         for (const int32_t status : {2, 0}) {
           param.insertType = insertType;
           ASSERT_EQ(store->addDBJob(param), 0);
           setStatus(jobs().back().id, status);
         }
+      }
       ASSERT_THAT(ranks(), ElementsAre(1, 2, 3, 4));
       KxDBTaskParam selection = everyJobOf(byFolder ? folder / "f/" : param.src);
       selection.status = c.status;
@@ -462,9 +465,10 @@ TEST_F(JobQueue, DeletesByFileAndByFolderSelectByStatusAndInsertType) {
                                   : store->deleteDBJobByFilename(selection);
       EXPECT_EQ(result, !byFolder && c.left == 4 ? 1 : 0);
       EXPECT_EQ(jobs().size(), c.left) << byFolder << c.status << c.insertType;
-      for (const KxDBTaskParam& job : jobs())
+      for (const KxDBTaskParam& job : jobs()) {
         EXPECT_FALSE((c.status == -1 || job.status == c.status) &&
                      (c.insertType == -1 || job.insertType == c.insertType));
+      }
     }
   }
 }
@@ -487,10 +491,11 @@ TEST_F(JobQueue, DeletingByAnEmptyPathIsRefused) {
   EXPECT_EQ(store->deleteDBJobByFilename(everyJobOf("")), 1);
   EXPECT_EQ(store->deleteDBJobByDirname(everyJobOf("")), 1);
   EXPECT_EQ(log.count("invalid src path \n"), 2U);
-  for (const auto& line : log.lines())
+  for (const auto& line : log.lines()) {
     if (line.text == "invalid src path \n") {
       EXPECT_EQ(line.func, "_deleteDBJobByName");
     }
+  }
   EXPECT_EQ(jobs().size(), 1U);
 }
 

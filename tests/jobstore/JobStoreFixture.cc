@@ -57,7 +57,7 @@ JobStoreTest::~JobStoreTest() {
 }
 
 std::string JobStoreTest::source(const std::string& name, size_t bytes) const {
-  const std::string path = folder / name;
+  std::string path = folder / name;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   writeFile(path, std::string(bytes, 'x'));
   return path;
@@ -101,9 +101,10 @@ std::vector<int64_t> JobStoreTest::ranks() {
 
 std::vector<std::string> JobStoreTest::places() {
   std::vector<std::string> result;
-  for (const KxDBTaskParam& job : jobs())
+  for (const KxDBTaskParam& job : jobs()) {
     result.push_back(std::filesystem::path(job.src).stem().string() + ":" +
                      std::to_string(job.rank));
+  }
   return result;
 }
 

@@ -29,10 +29,11 @@ class OtherConnection {
 // A job store on an empty database, with sources to queue and a media-library command that
 // writes down what it is told.
 class JobStoreTest : public testing::Test {
- protected:
+ public:
   JobStoreTest();
   ~JobStoreTest() override;
 
+ protected:
   std::string dbPath() const { return folder / "jobs.db"; }
   // An existing source file. Audio by its name, so that it is not probed.
   std::string source(const std::string& name = "song.mp3", size_t bytes = 10) const;

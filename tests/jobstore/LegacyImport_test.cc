@@ -100,9 +100,10 @@ TEST_F(LegacyImport, MediaTypesAreCountedFromOneAndOddOnesAreVideo) {
 
 TEST_F(LegacyImport, RotationsAreTakenModuloAFullTurn) {
   makeTable();
-  for (const int degrees : {0, 90, 360, 450, -90})
+  for (const int degrees : {0, 90, 360, 450, -90}) {
     addOld("/" + std::to_string(degrees), degrees + 100, ", RotationDegree",
            ", " + std::to_string(degrees));
+  }
   EXPECT_EQ(store->import_43x_DB(oldPath()), 0);
   std::vector<int32_t> rotations;
   for (const KxDBTaskParam& job : jobs()) rotations.push_back(job.rotation);
