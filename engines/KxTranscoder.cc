@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Misc.h"
+#include "VelmarPlatform.h"
 #include "engines/AgentCommand.h"
 #include "engines/DiscMount.h"
 #include "engines/EngineCommand.h"
@@ -12,8 +13,11 @@
 #include "engines/OutputSize.h"
 #include "engines/ProfileSelection.h"
 #include "engines/ProgressReader.h"
+#include "engines/SegmentMerge.h"
+#include "engines/SegmentPlan.h"
 #include "engines/SoftwareCommand.h"
 #include "engines/WorkFolder.h"
+#include "frame/ChildProcess.h"
 #include "frame/Log.h"
 #include "probe/Folders.h"
 
@@ -262,6 +266,102 @@ int KxTranscoder::workaroundStripMetadata(std::string output) {
   KX_LOG(
       "for bug#128126, do not know why sw ffmpeg can not strip metadataso we remux video again\n");
   return miscLaunchCmdNoWait(engines::remuxCommand(staticFfmpeg(), output), m_progressLog);
+}
+
+int KxTranscoder::doSegment() {
+  m_segVec.clear();
+  if (!canSegment_() || makeSideAudio_() != 0 || cutSource_() != 0) return 1;
+  m_segVec = engines::collectSegments(m_workFolder, m_param.m_formatId);
+  return m_segVec.empty() ? 1 : 0;
+}
+
+bool KxTranscoder::canSegment_() {
+  std::vector<engines::EngineNote> notes;
+  const bool suits = engines::sourceCanBeCut(m_param, m_mediaInfo.m_duration,
+                                             m_mediaInfo.getVideoTrack(m_param.m_vid), notes);
+  engines::logNotes(notes);
+  if (!suits) return false;
+  notes.clear();
+  const KxPlatform platform;
+  const bool supported =
+      engines::platformCanCut(platform.getPlatformName(), platform.getPlatformType(), notes);
+  engines::logNotes(notes);
+  return supported;
+}
+
+int KxTranscoder::makeSideAudio_() {
+  return runSegmentStep_(genFfmpegReAudioParams_(), "genFfmpegReAudioParams_() fail\n",
+                         "launch reAudio cmd fail\n");
+}
+
+int KxTranscoder::cutSource_() {
+  return runSegmentStep_(genFfmpegSegmentParams_(), "genFfmpegSegmentParams_() fail\n",
+                         "launch segment cmd fail\n");
+}
+
+int KxTranscoder::runSegmentStep_(const std::vector<std::string>& command, const char* noCommand,
+                                  const char* noChild) {
+  const auto refuse = [](const char* text) {
+    KX_LOG_AS("doSegment", "%s", text);
+    return 1;
+  };
+  if (command.empty()) return refuse(noCommand);
+  const int pid = miscLaunchCmdNoWait(command, m_progressLog);
+  if (pid == -1) return refuse(noChild);
+  // The cut fails with the same text as the audio.
+  return waitForChild_(pid) == 0 ? 0 : refuse("reAudio fail\n");
+}
+
+std::vector<std::string> KxTranscoder::genFfmpegReAudioParams_() {
+  if (!exists(m_workFolder)) {
+    KX_LOG("misc folder %s invalid or do not exist\n", m_workFolder.c_str());
+    return {};
+  }
+  return engines::sideAudioCommand(staticFfmpeg(), getSWFfmpegFilenameInput(), m_param,
+                                   sideAudioFile_());
+}
+
+std::vector<std::string> KxTranscoder::genFfmpegSegmentParams_() {
+  const std::string input = getSWFfmpegFilenameInput();
+  if (!exists(input)) {
+    KX_LOG("src %s is invalid or do not exist\n", input.c_str());
+    return {};
+  }
+  if (!exists(m_workFolder)) {
+    KX_LOG("misc folder %s invalid or do not exist\n", m_workFolder.c_str());
+    return {};
+  }
+  return engines::cutCommand(staticFfmpeg(), input, m_param.m_formatId, m_workFolder);
+}
+
+int KxTranscoder::doMerge() {
+  if (m_segVec.empty()) {
+    KX_LOG("m_segVec is empty, can not do merge\n");
+    return 1;
+  }
+  const std::string list = m_workFolder + "/merge_list";
+  if (!engines::writeMergeList(list, m_segVec)) return 1;
+  std::vector<engines::EngineNote> notes;
+  const std::vector<std::string> command =
+      engines::mergeCommand(staticFfmpeg(), list, sideAudioFile_(), m_param, notes);
+  engines::logNotes(notes);
+  const int pid = miscLaunchCmdNoWait(command, m_progressLog);
+  if (pid == -1) {
+    KX_LOG("launch merge segment cmd fail\n");
+    return 1;
+  }
+  if (waitForChild_(pid) == 0) return 0;
+  KX_LOG("merge segment fail\n");
+  return 1;
+}
+
+std::string KxTranscoder::sideAudioFile_() const {
+  return m_workFolder + "reAudio.mp4";
+}
+
+int KxTranscoder::waitForChild_(int pid) {
+  if (m_childWaiter) return m_childWaiter(pid);
+  return miscAnalysisRet(ChildProcess::adopt(pid).wait());
 }
 
 int KxTranscoder::getProgress() {

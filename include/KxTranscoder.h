@@ -5,10 +5,12 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <pthread.h>
@@ -162,8 +164,15 @@ class FileOutputHelper {
 /// Thread routine of FileOutputHelper. @param arg the FileOutputHelper
 void* FileOutputHelperFunc(void* arg);
 
+/// One piece of a source that is transcoded in segments.
+struct Seg_t {
+  std::string segIn;   ///< path of the cut piece, the input of its transcode
+  std::string segOut;  ///< path of its transcoded form; its name begins with "merge_"
+};
+
 /// Runs one video transcode: construct, init() once, start an engine with transcode(), follow
-/// it with getProgress(), destroy.
+/// it with getProgress(), destroy. A long source may be transcoded in pieces instead: cut it
+/// with doSegment(), transcode each piece into its result, join them with doMerge().
 ///
 /// Used from one thread, which also waits for the children: their parent-death signal fires
 /// when the thread that started them ends. Nothing throws. A disc image that init() mounts
@@ -215,6 +224,31 @@ class KxTranscoder {
   /// @return the child's pid, or -1. The caller waits for it and renames the result.
   int workaroundStripMetadata(std::string output);
 
+  /// Waits for a child that doSegment() or doMerge() started, in the calling thread, and reaps
+  /// it. It may end the child early. @return 0 when the child did its work, else another value
+  using ChildWaiter = std::function<int(int pid)>;
+  /// Sets how doSegment() and doMerge() wait, so that a caller can follow and stop their
+  /// children. Without one they wait until the child ends by itself, as long as it takes.
+  void setChildWaiter(ChildWaiter waiter) { m_childWaiter = std::move(waiter); }
+
+  /// Cuts a source that qualifies into pieces of about 120 seconds without encoding, and
+  /// re-encodes its audio once into a file beside them; call it after init(). A source
+  /// qualifies when it lasts 1,200 seconds or more, is H.264 or HEVC, gets no subtitle, and
+  /// the platform supports it. The messages of the children are in getProgressLogPath().
+  /// @return 0 when the pieces are in getSegments(); else 1, transcode the whole file then.
+  ///   What was made stays in the work folder.
+  int doSegment();
+  /// Joins the transcoded pieces with the re-encoded audio into the result; a piece without
+  /// a result is left out. @return 0 when the joined result is written, else 1
+  int doMerge();
+  /// The pieces of the last doSegment(), in the order of the source.
+  const std::vector<Seg_t>& getSegments() const { return m_segVec; }
+  /// @return the command that re-encodes the audio; empty when the work folder is missing
+  std::vector<std::string> genFfmpegReAudioParams_();
+  /// @return the command that cuts the video; empty when the source or the work folder is
+  ///   missing
+  std::vector<std::string> genFfmpegSegmentParams_();
+
   /// Asks the log parser how far the running engine is.
   /// @return percent done, 0 to 100; the last value while there is no progress log
   int getProgress();
@@ -240,6 +274,13 @@ class KxTranscoder {
   engines::EngineFacts gatherFacts_(const std::string& input, const std::string& output);
   std::optional<std::string> newWorkFile_();
   int launch_(const engines::EngineCommand& command, bool withLog);
+  bool canSegment_();
+  int makeSideAudio_();
+  int cutSource_();
+  int runSegmentStep_(const std::vector<std::string>& command, const char* noCommand,
+                      const char* noChild);
+  int waitForChild_(int pid);
+  std::string sideAudioFile_() const;
 
   TranscodeParam m_param;
   KxMediaInfo m_mediaInfo;
@@ -251,5 +292,7 @@ class KxTranscoder {
   std::string m_inputOther;     ///< source for the other hardware engines
   std::string m_workFolder;
   std::string m_progressLog;
-  int32_t m_progress;  ///< percent
+  int32_t m_progress;           ///< percent
+  std::vector<Seg_t> m_segVec;  ///< pieces in segment order
+  ChildWaiter m_childWaiter;
 };

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "KxTranscoder.h"
+#include "engines/EngineNote.h"
+
+// Joins transcoded pieces. Messages are those of the transcoder's "doMerge".
+
+namespace engines {
+
+// Writes the list of the results that exist. False, with the reason in the log, when it is
+// not complete.
+bool writeMergeList(const std::string& path, const std::vector<Seg_t>& segments);
+
+// Joins what the list names with the audio of another file. Pure.
+std::vector<std::string> mergeCommand(const std::string& ffmpeg, const std::string& list,
+                                      const std::string& sideAudio, const TranscodeParam& param,
+                                      std::vector<EngineNote>& notes);
+
+}  // namespace engines
