@@ -5,10 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <vector>
@@ -125,11 +126,15 @@ void putBack(const std::vector<KxDBTask>& rows) {
 }  // namespace
 
 bool isLeftover(const std::string& name) {
-  static const std::regex form("^([0-9]{1,10})_[0-9-]+_([0-9]{1,15})_[0-9a-f]{6}.*");
-  std::smatch parts;
-  if (!std::regex_match(name, parts, form)) return false;
-  const std::optional<long long> started = startTime(atoll(parts[1].str().c_str()));
-  return !started || *started > atoll(parts[2].str().c_str()) + kClockSlack;
+  long long pid = 0;
+  long long made = 0;
+  char random[7] = {};
+  if (name.empty() || name[0] < '0' || name[0] > '9') return false;
+  if (sscanf(name.c_str(), "%10lld_%*[0-9-]_%15lld_%6[0-9a-f]", &pid, &made, random) != 3 ||
+      strlen(random) != 6)
+    return false;
+  const std::optional<long long> started = startTime(pid);
+  return !started || *started > made + kClockSlack;
 }
 
 void recoverFromCrash() {

@@ -5,6 +5,7 @@
 #include "KxAbstractTranscodeSvr.h"
 #include "KxHostPlatform.h"
 #include "daemon/LibraryLocks.h"
+#include "daemon/MemoryTrim.h"
 #include "daemon/VolumeRoom.h"
 #include "daemon/WaitingRows.h"
 #include "frame/Log.h"
@@ -113,12 +114,19 @@ void ScheduleLoop::keepHouse() {
   m_nextHouseKeeping = now + kHouseKeeping;
   checkRegistrations();
   requeueOrphans();
+  trimWhenIdle();
   if (m_configuredUnits > 0) {
     m_maxUnits = m_configuredUnits;
   } else if (now >= m_nextResourceCount) {
     m_nextResourceCount = now + kResourceCount;
     m_maxUnits = defaultMaxUnits(MyUtil_GetCpuNum(), countHardwareResources());
   }
+}
+
+void ScheduleLoop::trimWhenIdle() {
+  const bool isIdle = unitJobs().empty();
+  if (isIdle && m_hasWorked) giveBackMemory();
+  m_hasWorked = !isIdle;
 }
 
 void ScheduleLoop::endPauseInTime() {
@@ -200,6 +208,7 @@ void ScheduleLoop::startJobs() {
       continue;
     }
     m_startTimes[job->id] = Clock::now();
+    m_hasWorked = true;
     --slots;
   }
 }

@@ -66,6 +66,7 @@ class ScheduleLoop {
   void run();
   bool waitForWork();
   void keepHouse();
+  void trimWhenIdle();
   void endPauseInTime();
   void settleOperations();
   void startJobs();
@@ -86,6 +87,7 @@ class ScheduleLoop {
   // Only the loop's thread uses what follows.
   std::list<OpenOperation> m_open;
   int m_maxUnits = 1;
+  bool m_hasWorked = true;  // since memory was given back last; loading counts as work
   Clock::time_point m_nextHouseKeeping;
   Clock::time_point m_nextResourceCount;
   std::map<int64_t, Clock::time_point> m_startTimes;  // of units, by job

@@ -1,16 +1,14 @@
 #include "daemon/StopSignal.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
+#include <semaphore.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdint>
 
 namespace xcoded {
 namespace {
 
-int gEventFd = -1;  // for the life of the process: a handler may run at any time
+sem_t gAsked;  // for the life of the process: a handler may run at any time
 
 void onStop(int) {
   const int savedErrno = errno;
@@ -30,21 +28,18 @@ bool handle(int number, void (*handler)(int)) {
 }  // namespace
 
 bool StopSignal::install() {
-  gEventFd = eventfd(0, EFD_CLOEXEC);
-  return gEventFd >= 0 && handle(SIGTERM, onStop) && handle(SIGINT, onStop) &&
+  return sem_init(&gAsked, 0, 0) == 0 && handle(SIGTERM, onStop) && handle(SIGINT, onStop) &&
          handle(SIGPIPE, onPipe);
 }
 
 void StopSignal::wait() {
-  uint64_t count = 0;
-  while (read(gEventFd, &count, sizeof count) < 0 && errno == EINTR) {
+  while (sem_wait(&gAsked) != 0 && errno == EINTR) {
   }
 }
 
 void StopSignal::raise() {
-  const uint64_t one = 1;
-  // Fails only when the counter is full, and then the waiter wakes up anyway.
-  if (write(gEventFd, &one, sizeof one) < 0) return;
+  // A semaphore, because posting one is allowed in a signal handler.
+  sem_post(&gAsked);
 }
 
 }  // namespace xcoded
