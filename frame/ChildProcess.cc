@@ -83,22 +83,6 @@ __attribute__((noinline)) pid_t startChild(const ChildPlan& plan) {
   return pid;
 }
 
-// Keeps handlers of this process from running in the child that shares its memory.
-class AllSignalsBlocked {
- public:
-  AllSignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &m_before);
-  }
-  ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-
- private:
-  sigset_t m_before;
-};
-
 std::vector<char*> pointersTo(const std::vector<std::string>& words) {
   std::vector<char*> pointers;
   pointers.reserve(words.size() + 1);
@@ -222,7 +206,7 @@ ChildProcess ChildProcess::spawn(const std::vector<std::string>& argv, const Opt
                        redirections.failure.writeEnd.get()};
   pid_t pid;
   {
-    const AllSignalsBlocked blocked;
+    const childsetup::AllSignalsBlocked blocked;
     pid = startChild(plan);
   }
   if (pid < 0) {

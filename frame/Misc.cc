@@ -259,6 +259,7 @@ int miscLaunchCmdNoWait(std::vector<std::string> cmd, std::string logFile) {
   }
   miscPrintCmdVec(cmd);
   const pid_t parent = getpid();
+  const childsetup::AllSignalsBlocked blocked;
   const pid_t pid = fork();
   if (pid == 0) launch::becomeProgram(argv->data(), logFile.c_str(), parent);
   if (pid < 0) KX_LOG("fork fail\n");

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "KxHostPlatform.h"
+#include "frame/ChildSetup.h"
 #include "resources/CgroupFiles.h"
 #include "resources/CgroupLimits.h"
 #include "resources/UnifiedCgroup.h"
@@ -165,12 +166,14 @@ void AmpCgroup::addThreadSelfInCgroup() {
 }
 
 int AmpCgroup::forkExecInCgroup(const char* cmdline) {
+  const childsetup::AllSignalsBlocked blocked;
   const pid_t pid = fork();
   if (pid < 0) return -1;
   if (pid > 0) {
     addProcessInCgroup(pid);
     return 0;
   }
+  childsetup::resetSignals();
   cgrouplimits::CommandWords words(cmdline);
   if (!words.empty()) execvp(words.argv()[0], words.argv());
   _exit(127);

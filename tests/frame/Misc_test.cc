@@ -1,9 +1,13 @@
 #include "Misc.h"
 
+#include <atomic>
+#include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <new>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -429,3 +433,36 @@ TEST(Slashes, CollapseWithThePredicate) {
 }
 
 }  // namespace
+
+namespace {
+
+std::atomic<pid_t>* gHandledIn;
+
+void noteWhoHandles(int) {
+  *gHandledIn = getpid();
+}
+
+}  // namespace
+
+TEST(LaunchedCommand, ASignalToAChildThatHasJustBeenMadeNeverRunsAHandlerOfItsParent) {
+  // Shared, so that a handler that runs in the child is seen here.
+  void* shared =
+      mmap(nullptr, sizeof *gHandledIn, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(shared, MAP_FAILED);
+  gHandledIn = new (shared) std::atomic<pid_t>(0);
+  struct sigaction action {};
+  struct sigaction before {};
+  action.sa_handler = noteWhoHandles;
+  ASSERT_EQ(sigaction(SIGTERM, &action, &before), 0);
+  for (int i = 0; i < 300; ++i) {
+    const int pid = miscLaunchCmdNoWait({"sleep", "60"}, "");
+    ASSERT_GT(pid, 0);
+    ASSERT_EQ(kill(pid, SIGTERM), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << "run " << i;
+  }
+  EXPECT_EQ(gHandledIn->load(), 0);
+  sigaction(SIGTERM, &before, nullptr);
+  munmap(shared, sizeof *gHandledIn);
+}
