@@ -161,6 +161,10 @@ class KxTransDBMgr {
   long long getModifiedTime(const KxDBMgrFileParam& param);
   /// Sets the time of the files directly in the folder to 1: they must be looked at again.
   int resetModifiedTime(const KxDBMgrFileParam& param);
+  /// @return the files recorded directly in a folder, in any order.
+  std::vector<KxDBMgrFileParam> getDBFiles(const std::string& fullpath);
+  /// @return the folders of recorded files that are the given one or lie in it; it ends in "/".
+  std::vector<std::string> getDBFolders(const std::string& fullpath);
 
   /// Appends the jobs of the older generation's database, oldest first. Jobs that cannot be
   /// taken over are logged and skipped; the rest is stored in one go.

@@ -141,6 +141,7 @@ void addIndexes(sqlite3* db) {
   // names it once leaves the second to a sorter, which reads every row before the page. The
   // state lets a page skip the rows in front of it without looking at them.
   runSql(db, "CREATE INDEX IF NOT EXISTS JobPlace ON JobTable(Rank, Rank, Status)", INIT_SITE);
+  runSql(db, "CREATE INDEX IF NOT EXISTS FileFolder ON FileTable(FullPath)", INIT_SITE);
 }
 
 }  // namespace kxjobstore

@@ -1,10 +1,6 @@
-#include <sqlite3.h>
-
-#include "KxTransDBMgr.h"
+#include "jobstore/AdHocQuery.h"
 #include "jobstore/JobRow.h"
-#include "jobstore/Sqlite.h"
 
-using kxjobstore::logEngineFailure;
 using kxjobstore::LogSite;
 
 namespace {
@@ -29,19 +25,10 @@ template <class Key>
 std::vector<KxDBTask> lookUp(sqlite3* db, const char* sql, const Key& key,
                              LogSite site = LogSite::here()) {
   std::vector<KxDBTask> rows;
-  sqlite3_stmt* prepared = nullptr;
-  if (db == nullptr || sqlite3_prepare_v2(db, sql, -1, &prepared, nullptr) != SQLITE_OK) {
-    logEngineFailure(db, "Prepare failed", site);
-    return rows;
-  }
-  const KxTransDBSqliteWrapper statement(prepared);
-  kxjobstore::StatementUse use(statement.m_statement);
-  if (!use.bind(key)) {
-    logEngineFailure(db, "Bind failed", site);
-    return rows;
-  }
-  while (use.row()) rows.push_back(currentRow(statement.m_statement));
-  if (use.failed()) logEngineFailure(db, "step filed", site);
+  const auto read = [&](kxjobstore::StatementUse&, sqlite3_stmt* statement) {
+    rows.push_back(currentRow(statement));
+  };
+  kxjobstore::queryRows(db, site, sql, read, key);
   return rows;
 }
 
