@@ -172,9 +172,21 @@ struct F2notify::Impl {
   Added addOne(const std::string& folder, uint32_t events) {
     const std::lock_guard<std::mutex> lock(mutex);
     const int wd = inotify_add_watch(queue.get(), folder.c_str(), events | kWatchFlags);
-    if (wd < 0) return errno == ENOSPC ? Added::kLimit : Added::kGone;
+    if (wd < 0) return refused(folder);
     watches.put(wd, folder);
     return Added::kYes;
+  }
+
+  // What vanished meanwhile is no failure; what may not be read is not watched in silence.
+  static Added refused(const std::string& folder) {
+    if (errno == ENOSPC) return Added::kLimit;
+    if (errno != ENOENT && errno != ENOTDIR) {
+      const int reason = errno;
+      KX_LOG_LEVEL(3, "can not watch %s, errno=%d, strerror=%s\n", folder.c_str(), reason,
+                   strerror(reason));
+      errno = reason;
+    }
+    return Added::kGone;
   }
 
   // True when the event is one that the caller is to see.
