@@ -214,8 +214,12 @@ int KxAbsTranscodeSvr::isDiskFull() {
 }
 
 int KxAbsTranscodeSvr::sendAnswer(AnswerRecord& answer, int fd, const char* func) {
-  KxSockData_s& record = answer.record();
-  if (m_socket.Write(&record, sizeof record, fd) == static_cast<int>(sizeof record)) return 0;
+  return sendBytes(&answer.record(), sizeof(KxSockData_s), fd, func);
+}
+
+int KxAbsTranscodeSvr::sendBytes(void* bytes, size_t count, int fd, const char* func) {
+  if (m_socket.Write(bytes, static_cast<unsigned int>(count), fd) == static_cast<int>(count))
+    return 0;
   KX_LOG_AS(func, "sockMgr Write() error\n");
   return 1;
 }

@@ -142,15 +142,17 @@ class KxAbsTranscodeSvr {
   virtual int dumpJob(int fd, KxSockData_s& req) = 0;
   /// Answers with the watched folders as bare text instead of a record; no folders, no byte.
   virtual int getSvrConf(int fd, KxSockData_s& req);
-  /// Watches the folder in block 1 with the target in block 2.
+  /// Watches the folder in block 1 with the target in block 2. Result of this and the next two:
+  /// that of the KxTransFileMonitor operation of the same name.
   virtual int addFolder(int fd, KxSockData_s& req);
   /// Stops watching the folder in block 1.
   virtual int delFolder(int fd, KxSockData_s& req);
   /// Gives the watched folder in block 1 the target in block 2.
   virtual int updateFolder(int fd, KxSockData_s& req);
-  /// Scans every watched folder.
+  /// Scans every watched folder; starts the scanner when it is stopped. Result: 0.
   virtual int buildAll(int fd, KxSockData_s& req);
-  /// Stops scanning. The answer carries command 19, whatever the request carried.
+  /// Stops the scanner, waiting for it, and drops the scans that wait. The answer carries
+  /// command 19, whatever the request carried, and result 0.
   virtual int stopBuildAll(int fd, KxSockData_s& req);
   /// For the host: queues a job.
   virtual int addJob(int fd, KxSockData_s& req) = 0;
@@ -179,7 +181,7 @@ class KxAbsTranscodeSvr {
   int sendAnswer(AnswerRecord& answer, int fd, const char* func);
   int sendRows(const std::vector<std::string>& rows, int fd, const KxSockData_s& req,
                const char* func);
-  int refuseFolderRequest(AnswerRecord& answer, int fd, const char* func);
+  int sendBytes(void* bytes, size_t count, int fd, const char* func);
 
  protected:
   pthread_mutex_t m_mutex;         ///< for the host; nothing here locks it

@@ -25,6 +25,7 @@
 #include "KxHostPlatform.h"
 #include "KxResMgr2.h"
 #include "KxTransDBMgr.h"
+#include "KxTransFileMonitor.h"
 #include "Misc.h"
 #include "frame/AnswerRecord.h"
 #include "frame/ChildProcess.h"
@@ -63,6 +64,32 @@ class TestServer : public KxAbsTranscodeSvr {
   int dumpJob(int, KxSockData_s&) override { return 0; }
   int addJob(int, KxSockData_s&) override { return 0; }
   int queryJob(int, KxSockData_s&) override { return 0; }
+};
+
+// Folder watching with an empty list, for the length of a test.
+class FolderList {
+ public:
+  FolderList() {
+    EXPECT_EQ(KxTransFileMonitor::getInstance()->init(0, {m_dir / "m.xml", m_dir / "x.xml"}), 0);
+  }
+  ~FolderList() {
+    KxTransFileMonitor::getInstance()->stopAll();
+    KxTransFileMonitor::getInstance()->stopBuildAll();
+    KxTransFileMonitor::getInstance()->uninit();
+  }
+  FolderList(const FolderList&) = delete;
+  FolderList& operator=(const FolderList&) = delete;
+
+  std::string text() const {
+    std::string lines;
+    KxTransFileSetting setting;
+    for (unsigned int i = 0; KxTransFileMonitor::getInstance()->getFolder(i, setting) == 0; ++i)
+      lines += setting.outputTransFileSetting();
+    return lines;
+  }
+
+ private:
+  kxtest::TempDir m_dir;
 };
 
 using Handler = int (KxAbsTranscodeSvr::*)(int, KxSockData_s&);
@@ -474,17 +501,59 @@ TEST_F(ServerTest, ConfigurationWithoutFoldersIsNotASingleByte) {
   EXPECT_EQ(client->Read(&byte, 1, -1), 0);
 }
 
-TEST_F(ServerTest, FolderRequestsAreRefusedWhileFoldersAreNotWatched) {
-  const Handler handlers[] = {&KxAbsTranscodeSvr::addFolder, &KxAbsTranscodeSvr::delFolder,
-                              &KxAbsTranscodeSvr::updateFolder, &KxAbsTranscodeSvr::buildAll};
-  for (const Handler handler : handlers) {
-    const Exchange exchange = ask(handler, requestOf(15));
+TEST_F(ServerTest, FolderRequestsReachTheFolderList) {
+  FolderList list;
+  const std::string a = world->dir / "a";
+  const auto asked = [&](Handler handler, int code, const std::string& target) {
+    KxSockData_s request = requestOf(code);
+    strcpy(request.block[1], a.c_str());
+    strcpy(request.block[2], target.c_str());
+    const Exchange exchange = ask(handler, request);
     EXPECT_EQ(exchange.returned, 0);
-    EXPECT_EQ(exchange.value(0), 15);
-    EXPECT_EQ(exchange.value(1), 1);
+    EXPECT_EQ(exchange.value(0), code);
     EXPECT_TRUE(exchange.hasOnlyIntegers(2));
+    connect();
+    return exchange.value(1);
+  };
+  EXPECT_EQ(asked(&KxAbsTranscodeSvr::addFolder, 15, "4"), 1) << "there is no such folder";
+  std::filesystem::create_directory(a);
+  EXPECT_EQ(asked(&KxAbsTranscodeSvr::addFolder, 15, "4"), 0);
+  EXPECT_EQ(asked(&KxAbsTranscodeSvr::addFolder, 15, "4"), 1) << "it is there already";
+  EXPECT_EQ(asked(&KxAbsTranscodeSvr::updateFolder, 17, "8"), 0);
+  EXPECT_EQ(list.text(), a + ":8\n");
+  EXPECT_EQ(asked(&KxAbsTranscodeSvr::buildAll, 18, ""), 0);
+  EXPECT_EQ(asked(&KxAbsTranscodeSvr::delFolder, 16, ""), 0);
+  EXPECT_EQ(asked(&KxAbsTranscodeSvr::delFolder, 16, ""), 1);
+  EXPECT_EQ(asked(&KxAbsTranscodeSvr::updateFolder, 17, "8"), 1);
+  EXPECT_EQ(list.text(), "");
+}
+
+TEST_F(ServerTest, TheConfigurationIsTheFoldersAsBareText) {
+  FolderList list;
+  for (const char* name : {"b", "a"}) {
+    std::filesystem::create_directory(world->dir / name);
+    ASSERT_EQ(KxTransFileMonitor::getInstance()->addFolder(world->dir / name, "4"), 0);
   }
-  EXPECT_EQ(log.count("folder watching is not available\n"), 4U);
+  KxSockData_s request = requestOf(KX_CMD_GET_SVR_CONF);
+  EXPECT_EQ(server.getSvrConf(accepted.get(), request), 0);
+  accepted.reset();
+  std::string text;
+  char byte;
+  while (client->Read(&byte, 1, -1) == 1) text += byte;
+  EXPECT_EQ(text, (world->dir / "a") + ":4\n" + (world->dir / "b") + ":4\n");
+}
+
+TEST_F(ServerTest, ScanningIsStartedAndStopped) {
+  const FolderList list;
+  KxTransFileMonitor* monitor = KxTransFileMonitor::getInstance();
+  EXPECT_EQ(ask(&KxAbsTranscodeSvr::buildAll, requestOf(18)).value(1), 0);
+  EXPECT_TRUE(monitor->getWatchStatus().isScannerRunning);
+  connect();
+  const Exchange exchange = ask(&KxAbsTranscodeSvr::stopBuildAll, requestOf(4711));
+  EXPECT_EQ(exchange.value(0), 19);
+  EXPECT_EQ(exchange.value(1), 0);
+  EXPECT_FALSE(monitor->getWatchStatus().isScannerRunning);
+  EXPECT_EQ(monitor->getWatchStatus().queuedScans, 0);
 }
 
 TEST_F(ServerTest, StopBuildAllAnswersNineteenWhateverItWasCalledWith) {
