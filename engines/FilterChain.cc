@@ -1,9 +1,7 @@
 #include "engines/FilterChain.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
-#include <string_view>
 
 #include "engines/EngineCommand.h"
 
@@ -69,16 +67,6 @@ PictureSize evened(const PictureSize& size) {
   return {side(size.width), side(size.height)};
 }
 
-std::string escapeCharacters(const std::string& value, std::string_view special) {
-  std::string result;
-  for (const char c : value) {
-    if (special.find(c) != std::string_view::npos || isspace(static_cast<unsigned char>(c)) != 0)
-      result += '\\';
-    result += c;
-  }
-  return result;
-}
-
 bool isTextSubtitle(const KxStream& stream) {
   if (stream.m_isEmpty) return false;
   const AVCodecDescriptor* descriptor =
@@ -86,43 +74,23 @@ bool isTextSubtitle(const KxStream& stream) {
   return descriptor != nullptr && (descriptor->props & AV_CODEC_PROP_TEXT_SUB) != 0;
 }
 
-// "#rrggbb" as a colour of the subtitle renderer, which puts blue first; empty otherwise.
-std::string styleColour(const std::string& colour) {
-  const bool isHex = colour.size() == 7 && colour[0] == '#' &&
-                     std::all_of(colour.begin() + 1, colour.end(),
-                                 [](unsigned char c) { return isxdigit(c) != 0; });
-  if (!isHex) return "";
-  return "&H" + colour.substr(5, 2) + colour.substr(3, 2) + colour.substr(1, 2) + "&";
-}
-
-std::string subtitleStyle(const TranscodeParam& param) {
-  std::vector<std::string> style;
-  if (param.m_subSize > 0) style.push_back("Fontsize=" + std::to_string(param.m_subSize));
-  const std::string colour = styleColour(param.m_subColor);
-  if (!colour.empty()) style.push_back("PrimaryColour=" + colour);
-  return style.empty() ? "" : ":force_style=" + escapeFilterValue(join(style));
-}
-
-// The subtitle's times are those of the source; a start offset shifts the pictures, and the
-// job may shift the subtitle.
-std::string inSourceTime(const TranscodeParam& param, const std::string& filter) {
-  const int64_t shift = int64_t{param.m_seekTime} - param.m_subSeek;
-  if (shift == 0) return filter;
-  return "setpts=PTS+(" + std::to_string(shift) + ")/TB," + filter + ",setpts=PTS-(" +
-         std::to_string(shift) + ")/TB";
-}
-
-// Empty when no subtitle is asked for or when it cannot be drawn.
+// Empty when no subtitle is asked for or when it cannot be drawn. The subtitle's times are
+// those of the source; a start offset shifts the pictures, and the job may shift the subtitle.
 std::string subtitleFilter(const TranscodeParam& param, KxMediaInfo& info) {
-  std::string source;
+  DrawnSubtitle subtitle;
+  subtitle.size = param.m_subSize;
+  subtitle.colour = param.m_subColor;
+  subtitle.shift = int64_t{param.m_seekTime} - param.m_subSeek;
   if (!param.m_subtitle.empty()) {
-    source = escapeFilterValue(param.m_subtitle);
-  } else if (param.m_sid >= 0 && info.m_mediaType == 0 &&
-             isTextSubtitle(info.getSubtitleTrack(param.m_sid))) {
-    source = escapeFilterValue(param.m_inFile) + ":si=" + std::to_string(param.m_sid);
+    subtitle.file = param.m_subtitle;
+    return drawingFilter(subtitle);
   }
-  if (source.empty()) return "";
-  return inSourceTime(param, "subtitles=filename=" + source + subtitleStyle(param));
+  const bool inVideo = param.m_sid >= 0 && info.m_mediaType == 0 &&
+                       isTextSubtitle(info.getSubtitleTrack(param.m_sid));
+  if (!inVideo) return "";
+  subtitle.file = param.m_inFile;
+  subtitle.track = param.m_sid;
+  return drawingFilter(subtitle);
 }
 
 // Decides what the picture of one job has to look like.
@@ -210,11 +178,6 @@ std::string videoFilter(const PictureSize& size, int degree) {
   if (orientation(degree) != nullptr) pieces.emplace_back(orientation(degree));
   pieces.emplace_back(kPixelFormat);
   return join(pieces);
-}
-
-std::string escapeFilterValue(const std::string& value) {
-  // Once for the option value, once more for the chain around it.
-  return escapeCharacters(escapeCharacters(value, "\\':"), "\\'[],;");
 }
 
 std::vector<std::string> correctedVideoFilter(const TranscodeParam& param, KxMediaInfo& info) {

@@ -6,15 +6,13 @@
 #include "KxMediainfo.h"
 #include "KxTranscoder.h"
 #include "engines/OutputSize.h"
+#include "engines/SubtitleFilter.h"
 
 namespace engines {
 
 // The plain chain: scale to the size (skipped unless both are positive), compensate the
 // rotation, convert to a pixel format that every H.264 profile takes.
 std::string videoFilter(const PictureSize& size, int degree);
-
-// A path as one option value of a filter inside a "-vf" argument.
-std::string escapeFilterValue(const std::string& value);
 
 // Extra arguments for the software encoder (TranscodeParam::m_extraCmds), which come after
 // the plain command and override it:

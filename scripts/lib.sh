@@ -20,7 +20,7 @@ BUILD_PACKAGES=(
   g++ cmake ninja-build ccache lld pkg-config git
   libsqlite3-dev libavformat-dev libavcodec-dev libavutil-dev libboost-filesystem-dev
   libspdlog-dev libfmt-dev nlohmann-json3-dev libcli11-dev libsimpleini-dev libpugixml-dev
-  libqpdf-dev ffmpeg fuseiso jq
+  libqpdf-dev ffmpeg fuseiso ghostscript jq
 )
 # What the tests need beyond that.
 TEST_PACKAGES=(
