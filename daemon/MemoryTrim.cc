@@ -26,8 +26,7 @@ bool readHeader(const std::string& line, Mapping& mapping) {
              &pathAt) != 3)
     return false;
   mapping.isChanged = false;
-  mapping.isPlainFile =
-      perms[1] == '-' && static_cast<size_t>(pathAt) < line.size() && line[pathAt] == '/';
+  mapping.isPlainFile = perms[1] == '-' && line.compare(static_cast<size_t>(pathAt), 1, "/") == 0;
   return true;
 }
 
