@@ -44,9 +44,10 @@ int statusFlags(const std::string& name) {
       {"cancelled", 1 << JOB_CANCELLED},
   };
   const auto found = flags.find(name);
-  if (found == flags.end())
+  if (found == flags.end()) {
     throw Failure(kExitUsage, "There is no state '" + printable(name) +
                                   "'. States: all, waiting, running, done, failed, cancelled");
+  }
   return found->second;
 }
 
@@ -102,10 +103,11 @@ void Commands::print(const nlohmann::json& value) const {
 
 int Commands::simple(KxCommand_e command, const std::string& done) {
   m_client.demand(Request(command));
-  if (m_json)
+  if (m_json) {
     print({{"ok", true}});
-  else
+  } else {
     printf("%s\n", done.c_str());
+  }
   return kExitOk;
 }
 
@@ -166,19 +168,21 @@ int Commands::add(const AddOptions& options) {
                           {"priority", options.priority}};
     if (!options.subtitle.empty()) job["subtitle"] = sourcePath(options.subtitle);
     // JSON is UTF-8; a file name is any bytes.
-    if (isUtf8(source))
+    if (isUtf8(source)) {
       job["src"] = source;
-    else
+    } else {
       request.text(1, source);
+    }
     jobs.emplace_back(source, request.json(job));
   }
   std::vector<int64_t> ids;
   for (const auto& [source, request] : jobs) {
     const Answer answer = m_client.demand(request);
     ids.push_back(integer(answer.json(), "id", answer.number(2)));
-    if (!m_json)
+    if (!m_json) {
       printf("Job %ld: %s -> %s\n", static_cast<long>(ids.back()), fileName(source).c_str(),
              profileText(bits).c_str());
+    }
   }
   if (m_json && !options.wait) print({{"ids", ids}});
   if (!options.wait) return kExitOk;
@@ -203,15 +207,17 @@ int Commands::list(const ListOptions& options) {
     return kExitOk;
   }
   std::vector<std::vector<std::string>> table = {{"ID", "RANK", "STATE", "PROFILES", "FILE"}};
-  for (const auto& row : rows)
+  for (const auto& row : rows) {
     table.push_back({std::to_string(integer(row, "id")), std::to_string(integer(row, "rank")),
                      statusText(static_cast<int>(integer(row, "status"))),
                      profileText(static_cast<uint64_t>(integer(row, "jobFlag"))),
                      printable(string(row, "src"))});
-  if (rows.empty())
+  }
+  if (rows.empty()) {
     printf("No jobs.\n");
-  else
+  } else {
     printf("%s", tableText(table).c_str());
+  }
   return kExitOk;
 }
 
@@ -261,15 +267,17 @@ int Commands::units() {
     return kExitOk;
   }
   std::vector<std::vector<std::string>> table = {{"JOB", "STATE", "PROGRESS", "PID", "ON", "FILE"}};
-  for (const auto& row : rows)
+  for (const auto& row : rows) {
     table.push_back(
         {std::to_string(integer(row, "id")), unitText(static_cast<int>(integer(row, "state"))),
          std::to_string(integer(row, "progress")) + " %", std::to_string(integer(row, "pid", -1)),
          string(row, "resId"), printable(string(row, "src"))});
-  if (rows.empty())
+  }
+  if (rows.empty()) {
     printf("No units.\n");
-  else
+  } else {
     printf("%s", tableText(table).c_str());
+  }
   return kExitOk;
 }
 
@@ -333,11 +341,12 @@ int Commands::wait(const std::vector<int64_t>& ids) {
       pause = std::min(pause * 2, std::chrono::milliseconds(500));
     }
     const std::string reason = string(row, "reason");
-    if (m_json)
+    if (m_json) {
       ended.push_back(row);
-    else
+    } else {
       printf("Job %ld %s%s%s\n", static_cast<long>(id), statusText(status).c_str(),
              reason.empty() ? "" : ": ", printable(reason).c_str());
+    }
     fflush(stdout);
     const ExitCode code = status == JOB_DONE    ? kExitOk
                           : status == JOB_ERROR ? kExitJobFailed
@@ -396,21 +405,23 @@ int Commands::stop() {
 
 int Commands::pause(int seconds) {
   m_client.demand(Request(KX_CMD_PAUSE).number(1, seconds > 0 ? seconds : -1));
-  if (m_json)
+  if (m_json) {
     print({{"ok", true}});
-  else if (seconds > 0)
+  } else if (seconds > 0) {
     printf("Paused for %d s.\n", seconds);
-  else
+  } else {
     printf("Paused until 'xcodectl resume'.\n");
+  }
   return kExitOk;
 }
 
 int Commands::resume() {
   m_client.demand(Request(KX_CMD_PAUSE).number(1, 0));
-  if (m_json)
+  if (m_json) {
     print({{"ok", true}});
-  else
+  } else {
     printf("The service is running.\n");
+  }
   return kExitOk;
 }
 
@@ -460,10 +471,11 @@ int Commands::limits(const int* cpuPercent, const int* memKilobytes) {
     print({{"cpuPercent", cpu}, {"memKilobytes", mem}});
     return kExitOk;
   }
-  if (cpu < 0)
+  if (cpu < 0) {
     printf("Processors  not limited (no control group)\n");
-  else
+  } else {
     printf("Processors  %d %%\n", cpu);
+  }
   printf("Memory      %s\n", sizeText(int64_t{mem} * 1024).c_str());
   return kExitOk;
 }
@@ -494,10 +506,11 @@ int Commands::processes() {
     return kExitOk;
   }
   std::vector<std::vector<std::string>> table = {{"PID", "USER", "ADDRESS", "TAG", "FILE"}};
-  for (const auto& row : rows)
+  for (const auto& row : rows) {
     table.push_back({std::to_string(integer(row, "pid")), printable(string(row, "user")),
                      printable(string(row, "ip")), printable(string(row, "tag")),
                      printable(string(row, "src"))});
+  }
   printf("%s", tableText(table).c_str());
   return kExitOk;
 }
@@ -507,11 +520,12 @@ int Commands::hwaccel(const std::string& value) {
   const Answer answer = m_client.demand(Request(KX_CMD_GET_EXTRA));
   const bool on = answer.number(2) != 0;
   const bool supported = answer.number(3) != 0;
-  if (m_json)
+  if (m_json) {
     print({{"enabled", on}, {"supported", supported}});
-  else
+  } else {
     printf("Hardware transcoding is %s; this machine %s it.\n", on ? "on" : "off",
            supported ? "supports" : "does not support");
+  }
   return kExitOk;
 }
 
@@ -526,10 +540,11 @@ int Commands::dump(const std::string& what) {
 
 int Commands::importLegacy(const std::string& file) {
   const Answer answer = m_client.demand(Request(KX_CMD_IMPORT_LEGACY).text(1, sourcePath(file)));
-  if (m_json)
+  if (m_json) {
     print({{"ok", true}, {"imported", answer.number(2)}});
-  else
+  } else {
     printf("%d jobs imported.\n", answer.number(2));
+  }
   return kExitOk;
 }
 

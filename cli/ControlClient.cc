@@ -78,9 +78,10 @@ Answer ControlClient::ask(const Request& request) const {
   const int count = socket->ReadStruct(record.get(), sizeof *record, -1);
   if (count == 0)
     throw Failure(kExitBadAnswer, "The service closed the connection without a whole answer");
-  if (count != static_cast<int>(sizeof *record))
+  if (count != static_cast<int>(sizeof *record)) {
     throw Failure(kExitBadAnswer,
                   "No answer from the service within " + std::to_string(m_timeoutSeconds) + " s");
+  }
   Answer answer(record);
   if (answer.number(0) != request.command())
     throw Failure(kExitBadAnswer, "The service answered a different request");
@@ -111,9 +112,10 @@ std::string ControlClient::read(const Request& request) const {
   int count;
   while ((count = socket->Read(buffer, sizeof buffer, -1)) > 0)
     text.append(buffer, static_cast<size_t>(count));
-  if (count < 0)
+  if (count < 0) {
     throw Failure(kExitBadAnswer,
                   "No answer from the service within " + std::to_string(m_timeoutSeconds) + " s");
+  }
   return text;
 }
 

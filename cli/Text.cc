@@ -89,10 +89,11 @@ std::string sizeText(int64_t bytes) {
 std::string durationText(double secs) {
   const auto total = static_cast<long>(secs + 0.5);
   char text[48];
-  if (total >= 3600)
+  if (total >= 3600) {
     snprintf(text, sizeof text, "%ld:%02ld:%02ld", total / 3600, total / 60 % 60, total % 60);
-  else
+  } else {
     snprintf(text, sizeof text, "%ld:%02ld", total / 60, total % 60);
+  }
   return text;
 }
 
