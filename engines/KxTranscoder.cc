@@ -204,15 +204,29 @@ int KxTranscoder::hwTranscode(KxResource2& res, std::string input, std::string o
 }
 
 int KxTranscoder::swTranscode(std::string input, std::string output, bool withLog) {
+  return launch_(softwareCommand_(input, output), withLog);
+}
+
+std::vector<std::string> KxTranscoder::getSWCommand() {
+  const std::string input = getSWFfmpegFilenameInput();
+  if (input.empty()) return {};
+  const engines::EngineCommand command = softwareCommand_(input, m_param.m_outFile);
+  return accept_(command) ? command.argv : std::vector<std::string>();
+}
+
+engines::EngineCommand KxTranscoder::softwareCommand_(const std::string& input,
+                                                      const std::string& output) {
   const std::optional<MediaSvcVarInfo> service = mediaService();
   if (!service) {
-    KX_LOG("no tool\n");
-    return -1;
+    engines::EngineCommand none;
+    none.refused = true;
+    none.notes.push_back({"swTranscode", "no tool\n"});
+    return none;
   }
   engines::EngineFacts facts = gatherFacts_(input, output);
   facts.program = service->ffmpegPath;
   facts.audioEncoders = service->audioEncoders;
-  return launch_(engines::softwareCommand(m_param, facts), withLog);
+  return engines::softwareCommand(m_param, facts);
 }
 
 engines::EngineFacts KxTranscoder::gatherFacts_(const std::string& input,
@@ -235,11 +249,15 @@ std::optional<std::string> KxTranscoder::newWorkFile_() {
   return m_workFolder + name;
 }
 
-int KxTranscoder::launch_(const engines::EngineCommand& command, bool withLog) {
+bool KxTranscoder::accept_(const engines::EngineCommand& command) {
   engines::logNotes(command.notes);
   if (command.fastStartFile) m_param.m_fastStartFile = *command.fastStartFile;
   if (command.pipeOutFile) m_param.m_pipeOutFile = *command.pipeOutFile;
-  if (command.refused) return -1;
+  return !command.refused;
+}
+
+int KxTranscoder::launch_(const engines::EngineCommand& command, bool withLog) {
+  if (!accept_(command)) return -1;
   return miscLaunchCmdNoWait(command.argv, withLog ? m_progressLog : "");
 }
 

@@ -81,8 +81,9 @@ bool sourceCanBeCut(const TranscodeParam& param, int duration, const KxStream& v
 
 bool platformCanCut(const std::string& name, int type, std::vector<EngineNote>& notes) {
   const bool refused = std::ranges::find(kRefusedPlatforms, type) != kRefusedPlatforms.end();
-  notes.push_back({kFunction, "model: " + name + (refused ? ", do not support" : ", support") +
-                                  " segment transcode\n"});
+  std::string text = "model: " + name;
+  text += refused ? ", do not support" : ", support";
+  notes.push_back({kFunction, text + " segment transcode\n"});
   return !refused;
 }
 

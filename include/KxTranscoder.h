@@ -208,6 +208,9 @@ class KxTranscoder {
   int hwTranscode(KxResource2& res, std::string input, std::string output, bool withLog);
   /// Starts ffmpeg. @return as transcode()
   int swTranscode(std::string input, std::string output, bool withLog);
+  /// @return the command that transcode() starts on the CPU, for callers that start it
+  ///   themselves; empty when it is refused, which is logged as in swTranscode()
+  std::vector<std::string> getSWCommand();
   /// @return the clockwise rotation to compensate, in degrees
   int getTranscodeDegree_();
   /// Computes the size of the encoder's picture, before rotation.
@@ -273,6 +276,8 @@ class KxTranscoder {
   int checkOutput_() const;
   engines::EngineFacts gatherFacts_(const std::string& input, const std::string& output);
   std::optional<std::string> newWorkFile_();
+  engines::EngineCommand softwareCommand_(const std::string& input, const std::string& output);
+  bool accept_(const engines::EngineCommand& command);
   int launch_(const engines::EngineCommand& command, bool withLog);
   bool canSegment_();
   int makeSideAudio_();

@@ -23,20 +23,6 @@ class ManagerLock {
   ManagerLock& operator=(const ManagerLock&) = delete;
 };
 
-// Holds the registration no longer than the attempt lasts.
-Attempt attemptOn(JobRun& run, KxResource2& resource, const KxRegInfo& info,
-                  const std::function<Attempt(KxResource2&)>& attempt) {
-  const Registration registration(run, resource, info);
-  if (!registration.valid()) return {false, "cannot be used"};
-  Attempt result = attempt(resource);
-  if (result.ok) {
-    KX_RUNNER_LOG("resId(%s) transcode success\n", resource.id.c_str());
-  } else {
-    KX_RUNNER_LOG("unit transcode error on resId(%s)\n", resource.id.c_str());
-  }
-  return result;
-}
-
 }  // namespace
 
 std::vector<KxResource2> resourcesToTry(int level) {
@@ -88,6 +74,19 @@ Registration::~Registration() {
   if (KxResMgr2::getInstance()->unRegRes(m_reg) != 0)
     KX_RUNNER_LOG("KxResMgr unRegister resource fail\n");
   m_run.showRegistration(KxRegister());
+}
+
+Attempt attemptOn(JobRun& run, KxResource2& resource, const KxRegInfo& info,
+                  const std::function<Attempt(KxResource2&)>& attempt) {
+  const Registration registration(run, resource, info);
+  if (!registration.valid()) return {false, "cannot be used"};
+  Attempt result = attempt(resource);
+  if (result.ok) {
+    KX_RUNNER_LOG("resId(%s) transcode success\n", resource.id.c_str());
+  } else {
+    KX_RUNNER_LOG("unit transcode error on resId(%s)\n", resource.id.c_str());
+  }
+  return result;
 }
 
 std::string tryResources(JobRun& run, const KxRegInfo& info,

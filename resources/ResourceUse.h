@@ -41,6 +41,10 @@ struct Attempt {
   std::string fault;  // why it failed
 };
 
+// Makes one attempt, registered on the resource for as long as it lasts, and logs its outcome.
+Attempt attemptOn(JobRun& run, KxResource2& resource, const KxRegInfo& info,
+                  const std::function<Attempt(KxResource2&)>& attempt);
+
 // Tries a conversion on each resource in turn until one succeeds or the run has to end.
 // @return empty on success; else why no resource did it
 std::string tryResources(JobRun& run, const KxRegInfo& info,

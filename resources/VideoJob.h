@@ -2,12 +2,12 @@
 
 #include <string>
 
-#include "KxTranscoder.h"
-#include "resources/Conversion.h"
+#include "resources/VideoProfile.h"
 
 namespace runner {
 
-// Turns a source into the profiles that its job selects, one after the other.
+// Turns a source into the profiles that its job selects, together where
+// that may be, else one after the other.
 class VideoJob {
  public:
   explicit VideoJob(JobRun& run) : m_run(run) {}
@@ -22,9 +22,8 @@ class VideoJob {
   bool convertSelected();
   bool convertRow(const TransConfigEntry& config);
   bool convertVideo(const TransConfigEntry& config);
-  std::string encode(const TransConfigEntry& config, TemporaryFile& file);
-  Attempt encodeOn(KxResource2& resource, KxTranscoder& transcoder, TemporaryFile& file);
-  std::string remux(KxTranscoder& transcoder, TemporaryFile& file);
+  Attempt encodeOn(KxResource2& resource, VideoProfile& profile);
+  VideoContext context();
 
   JobRun& m_run;
   ProbedSource m_source;
@@ -34,10 +33,5 @@ class VideoJob {
   std::string m_subtitle;
   ExpectedResult m_expected;
 };
-
-// Parameters of one video profile of a job. The result's name is left to the caller.
-// @param subtitle external subtitle to burn in, may be empty
-TranscodeParam videoParam(const KxDBTaskParam& job, const TransConfigEntry& config,
-                          KxMediaInfo& info, const std::string& subtitle);
 
 }  // namespace runner

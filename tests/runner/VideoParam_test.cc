@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "KxTranscoder.h"
-#include "resources/VideoJob.h"
+#include "resources/VideoProfile.h"
 
 using runner::videoParam;
 using testing::ElementsAre;
