@@ -572,7 +572,8 @@ TEST_F(RunningJob, ASuspendedJobLeavesItsRowUntouchedAndIsResumed) {
   begin();
   const KxDBTaskParam before = world.row(job.id);
   expectEndWithinASecond([this] { world.pending(job); });
-  EXPECT_TRUE(log.hasPart("KxTranscodeUnit status has been set as pending"));
+  EXPECT_TRUE(
+      waitUntil([this] { return log.hasPart("KxTranscodeUnit status has been set as pending"); }));
   const KxDBTaskParam after = world.row(job.id);
   EXPECT_EQ(after.status, JOB_RUNNING);
   EXPECT_EQ(after.dateStart, before.dateStart);
