@@ -382,7 +382,7 @@ int Commands::move(int64_t id, int64_t rank) {
   return kExitOk;
 }
 
-int Commands::swap(int64_t id, int64_t with) {
+int Commands::swapPlaces(int64_t id, int64_t with) {
   m_client.demand(Request(KX_CMD_SWAP_JOB).json({{"id", id}, {"with", with}}));
   if (m_json) print({{"ok", true}});
   return kExitOk;

@@ -49,7 +49,7 @@ class Commands {
   int retry(const std::vector<int64_t>& ids);
   int remove(const std::vector<int64_t>& ids, const std::string& file, const std::string& folder);
   int move(int64_t id, int64_t rank);
-  int swap(int64_t id, int64_t with);
+  int swapPlaces(int64_t id, int64_t with);
   int clean(bool waiting);
   int start();
   int stop();

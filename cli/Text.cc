@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 
@@ -87,7 +88,7 @@ std::string sizeText(int64_t bytes) {
 }
 
 std::string durationText(double secs) {
-  const auto total = static_cast<long>(secs + 0.5);
+  const auto total = std::lround(secs);
   char text[48];
   if (total >= 3600) {
     snprintf(text, sizeof text, "%ld:%02ld:%02ld", total / 3600, total / 60 % 60, total % 60);

@@ -105,7 +105,7 @@ void addJobCommands(CLI::App& app, Program& p) {
   move->add_option("rank", p.other, "Place, from 1")->required()->check(CLI::PositiveNumber);
 
   CLI::App* swap = command(app, p, "swap", "Exchange the places of two jobs",
-                           [&p](Commands& c) { return c.swap(p.id, p.other); });
+                           [&p](Commands& c) { return c.swapPlaces(p.id, p.other); });
   swap->add_option("id", p.id, "Job")->required();
   swap->add_option("with", p.other, "Other job")->required();
 
