@@ -19,6 +19,7 @@
 #include "daemon/LibraryLocks.h"
 #include "frame/Log.h"
 #include "frame/UniqueFd.h"
+#include "host/IsoMount.h"
 
 namespace xcoded {
 namespace {
@@ -138,6 +139,8 @@ bool isLeftover(const std::string& name) {
 }
 
 void recoverFromCrash() {
+  const int released = kxhost::releaseStaleIsoMounts();
+  if (released > 0) KX_LOG_LEVEL(4, "released %d disc images of an earlier run\n", released);
   cleanWorkFolders();
   // Only jobs that were running have temporary files, and a runner removes its files before
   // it changes its row; so the files go first, and a crash in here loses nothing.

@@ -183,6 +183,15 @@ std::string findDiscFolder(const std::string& root) {
   return {};
 }
 
+// Everywhere that images are mounted: on the host and in the codec add-on's environment.
+std::vector<std::string> mountFolders() {
+  std::vector<std::string> folders = {isoMountFolder()};
+  GstAgentPaths addOn;
+  if (MyUtil_getGstTranscodeAgentPaths(addOn) == 0)
+    folders.push_back(addOn.chrootPath + kChrootMountFolder);
+  return folders;
+}
+
 }  // namespace
 
 std::string isoMountFolder() {
@@ -193,7 +202,10 @@ int releaseStaleIsoMounts() {
   int released = 0;
   std::error_code failed;
   std::vector<std::string> stale;
-  for (const auto& entry : fs::directory_iterator(isoMountFolder(), failed)) {
+  std::vector<fs::directory_entry> entries;
+  for (const std::string& folder : mountFolders())
+    for (const auto& entry : fs::directory_iterator(folder, failed)) entries.push_back(entry);
+  for (const auto& entry : entries) {
     const pid_t owner = ownerOf(entry.path().filename().string());
     const bool gone = owner > 0 && kill(owner, 0) != 0 && errno == ESRCH;
     if (gone && entry.path().extension() != ".names") stale.push_back(entry.path().string());

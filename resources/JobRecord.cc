@@ -60,7 +60,9 @@ void writeOutcome(const JobRun& run, KxUnitState_e state, bool succeeded) {
   }
   const bool stopped = state == UNIT_STOP;
   const KxDBTaskParam row = outcome(run, stopped, succeeded);
-  const std::string reason = row.status == JOB_ERROR ? run.reason() : "";
+  const std::string reason = row.status == JOB_ERROR  ? run.reason()
+                             : row.status == JOB_DONE ? run.remarks()
+                                                      : "";
   const StoreLock lock;
   writeRow(row);
   KxTransDBMgr* store = KxTransDBMgr::getInstance();

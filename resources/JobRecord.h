@@ -14,7 +14,8 @@ void keepReason(const JobRun& run, const std::string& reason);
 void forgetReason(const JobRun& run);
 
 // Writes dates, status and reason at the end of a run: done or failed, or back to waiting when
-// it was stopped. A suspended run writes nothing.
+// it was stopped. A done job keeps which resources were left on the way, and why. A suspended run
+// writes nothing.
 // @param state what the unit says at the end of the run
 void writeOutcome(const JobRun& run, KxUnitState_e state, bool succeeded);
 

@@ -22,6 +22,11 @@ bool JobRun::fail(const std::string& reason) {
   return false;
 }
 
+void JobRun::remark(const std::string& text) {
+  if (m_remarks.find(text) != std::string::npos) return;
+  m_remarks = oneLine(m_remarks.empty() ? text : m_remarks + "; " + text);
+}
+
 std::string oneLine(const std::string& text) {
   std::string line = text;
   std::ranges::replace_if(

@@ -32,6 +32,9 @@ class JobRun {
   // Keeps why a step failed. @return false, so that a step can return it
   bool fail(const std::string& reason);
   const std::string& reason() const { return m_reason; }
+  // Keeps what people should know of a step that came to a good end in the end.
+  void remark(const std::string& text);
+  const std::string& remarks() const { return m_remarks; }
 
  private:
   KxTranscodeUnit2& m_unit;
@@ -39,6 +42,7 @@ class JobRun {
   SourceName m_source;
   time_t m_startTime;
   std::string m_reason;
+  std::string m_remarks;
 };
 
 // One line of printable text, cut to a length that people read.

@@ -96,7 +96,10 @@ std::string tryResources(JobRun& run, const KxRegInfo& info,
   std::string faults;
   for (KxResource2& resource : resources) {
     const Attempt result = attemptOn(run, resource, info, attempt);
-    if (result.ok) return "";
+    if (result.ok) {
+      if (!faults.empty()) run.remark(faults + "; done by " + resource.id);
+      return "";
+    }
     faults += (faults.empty() ? "" : "; ") + resource.id + ": " + result.fault;
     if (run.mustEnd()) {
       KX_RUNNER_LOG("someone stop this unit transcode\n");

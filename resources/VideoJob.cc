@@ -11,6 +11,7 @@
 #include "resources/FanOutJob.h"
 #include "resources/RunnerLog.h"
 #include "resources/SubtitleSearch.h"
+#include "resources/SubtitleText.h"
 
 namespace runner {
 namespace {
@@ -88,11 +89,25 @@ bool VideoJob::probeDiscImage() {
 bool VideoJob::chooseSubtitle() {
   const KxDBTaskParam& job = m_run.job();
   m_subtitle = job.subtitle;
-  if (!m_subtitle.empty())
-    return isRegularFile(m_subtitle) || m_run.fail("the subtitle is no file: " + m_subtitle);
+  if (!m_subtitle.empty()) {
+    if (!isRegularFile(m_subtitle)) return m_run.fail("the subtitle is no file: " + m_subtitle);
+    return convertSubtitle();
+  }
   if (job.sid >= 0 || !wantsAutomaticSubtitles()) return true;
   m_subtitle = findVideoSubtitle(m_run.source().folder, m_run.source().name);
   if (!m_subtitle.empty()) KX_RUNNER_LOG("auto search subtitle => %s\n", m_subtitle.c_str());
+  return m_subtitle.empty() || convertSubtitle();
+}
+
+// The renderer only understands UTF-8.
+bool VideoJob::convertSubtitle() {
+  const SubtitleText text = readSubtitle(m_subtitle);
+  if (!text.fault.empty()) return m_run.fail(text.fault + ": " + m_subtitle);
+  if (text.encoding == kUtf8) return true;
+  m_subtitleText.emplace(m_temp, ".srt");
+  if (!writeText(m_subtitleText->path(), text.utf8))
+    return m_run.fail("the subtitle could not be converted: " + m_subtitle);
+  m_subtitle = m_subtitleText->path();
   return true;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "resources/VideoProfile.h"
@@ -19,6 +20,7 @@ class VideoJob {
   bool probe();
   bool probeDiscImage();
   bool chooseSubtitle();
+  bool convertSubtitle();
   bool convertSelected();
   bool convertRow(const TransConfigEntry& config);
   bool convertVideo(const TransConfigEntry& config);
@@ -31,6 +33,7 @@ class VideoJob {
   OutputFolder m_visible;
   OutputFolder m_temp;
   std::string m_subtitle;
+  std::optional<TemporaryFile> m_subtitleText;  // when the subtitle had to be converted
   ExpectedResult m_expected;
 };
 

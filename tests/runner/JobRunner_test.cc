@@ -49,9 +49,9 @@ class JobRunner : public testing::Test {
     return world.media(name);
   }
   std::string result(const std::string& name) { return world.media("@Transcode/" + name); }
-  void expectDone(const KxDBTaskParam& row) {
+  void expectDone(const KxDBTaskParam& row, const std::string& remark = "") {
     EXPECT_EQ(row.status, JOB_DONE) << world.reason(row.id);
-    EXPECT_EQ(world.reason(row.id), "");
+    EXPECT_EQ(world.reason(row.id), remark);
     expectNothingLeft();
   }
   void expectFailed(const KxDBTaskParam& row, const std::string& reason) {
@@ -454,7 +454,8 @@ TEST_F(CardJob, TheCardIsUsedBeforeTheCpu) {
 TEST_F(CardJob, WhenTheCardFailsTheCpuIsTried) {
   const std::string source = clip("film.mp4");
   world.setAgent("echo no such encoder >&2\nexit 9\n");
-  expectDone(world.run(source, PROFILE_240P));
+  expectDone(world.run(source, PROFILE_240P),
+             "gpu0: the encoder ended with 9: no such encoder; done by sw_cpu");
   EXPECT_TRUE(hasLine(5, "unit transcode error on resId(gpu0)\n"));
   EXPECT_TRUE(hasLine(5, "keep trying the next resource transcode\n"));
   EXPECT_TRUE(hasLine(5, "resId(sw_cpu) transcode success\n"));
@@ -476,7 +477,9 @@ TEST_F(CardJob, WhyTheCardWasLeftIsKeptWhileTheJobGoesOn) {
 TEST_F(CardJob, AResultThatFailsItsCheckCountsAsTheCardsFailure) {
   const std::string source = clip("film.mp4", 160, 120, 3);
   world.setAgent(std::string(kFindOutput) + "echo rubbish > \"$out\"\n");
-  expectDone(world.run(source, PROFILE_240P));
+  const KxDBTaskParam row = world.run(source, PROFILE_240P);
+  expectDone(row, world.reason(row.id));
+  EXPECT_TRUE(world.reason(row.id).starts_with("gpu0: ")) << world.reason(row.id);
   EXPECT_TRUE(hasLine(5, "unit transcode error on resId(gpu0)\n"));
   EXPECT_NEAR(probe(result("film.mp4.mobile240p.mp4"))->seconds, 3, 0.2);
 }
@@ -486,7 +489,7 @@ TEST_F(CardJob, AChildWithoutProgressIsStoppedAndTheNextResourceTried) {
   world.configure("STALL_SEC=1\n");
   world.setAgent("exec sleep 600\n");
   const auto begin = steady_clock::now();
-  expectDone(world.run(source, PROFILE_240P));
+  expectDone(world.run(source, PROFILE_240P), "gpu0: the encoder made no progress; done by sw_cpu");
   EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(15));
   EXPECT_TRUE(log.hasPart("made no progress for 1 seconds, so we kill it\n"));
   EXPECT_TRUE(hasLine(5, "unit transcode error on resId(gpu0)\n"));
@@ -509,6 +512,50 @@ TEST_F(CardJob, EveryReasonIsKeptWhenAllResourcesFail) {
   EXPECT_EQ(world.reason(row.id), "mobile240p: gpu0: the encoder ended with 9: no card; "
                                   "sw_cpu: the encoder ended with 8: no cpu");
   EXPECT_TRUE(hasLine(2, "all resource transcode fail\n"));
+}
+
+TEST_F(CardJob, ACardThatDisappearsWhileInUseIsLeftForTheCpu) {
+  const std::string source = clip("film.mp4");
+  world.setAgent("cat > '" + world.root().file("/sbin/accelctl") +
+                 "' <<'EOF'\n#!/bin/sh\n[ \"$1\" = -q ] && echo count=0\nexit 0\nEOF\n"
+                 "echo fell off the bus >&2\nexit 9\n");
+  expectDone(world.run(source, PROFILE_240P | PROFILE_360P),
+             "gpu0: the encoder ended with 9: fell off the bus; done by sw_cpu");
+  EXPECT_EQ(world.registrations(), 0u);
+}
+
+TEST_F(CardJob, TheNextCardComesBeforeTheCpu) {
+  const std::string source = clip("film.mp4");
+  world.setCards({"gpu0:maker:model:external:1", "gpu1:maker:model:external:1"});
+  world.setAgent("mkdir '" + world.media("failed") + "' && exit 9\n" + std::string(kFindOutput) +
+                 "exec ffmpeg -v error -y -i '" + source +
+                 "' -s 320x240 -c:v libx264 -c:a aac \"$out\"\n");
+  const KxDBTaskParam row = world.run(source, PROFILE_240P);
+  EXPECT_EQ(row.status, JOB_DONE) << world.reason(row.id);
+  EXPECT_TRUE(log.hasPart("transcode error on resId(gpu"));
+  EXPECT_TRUE(world.reason(row.id).find("; done by gpu") != std::string::npos)
+      << world.reason(row.id);
+}
+
+TEST_F(CardJob, TwoCardsShareTheJobs) {
+  world.setCards({"gpu0:maker:model:external:1", "gpu1:maker:model:external:1"});
+  const std::string first = clip("first.mp4");
+  const std::string second = clip("second.mp4");
+  // Each waits for the other.
+  world.setAgent("touch '" + world.media("at.") + "'$$\n" + "until [ $(ls '" + world.media("") +
+                 "' | grep -c '^at') -ge 2 ]; do sleep 0.02; done\n" + std::string(kFindOutput) +
+                 "exec ffmpeg -v error -y -i '" + first +
+                 "' -s 320x240 -c:v libx264 -c:a aac \"$out\"\n");
+  const KxDBTaskParam one = world.addJob(first, PROFILE_240P);
+  const KxDBTaskParam two = world.addJob(second, PROFILE_240P);
+  world.start(one);
+  ASSERT_TRUE(world.waitForChild());
+  world.start(two);
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_EQ(world.row(one.id).status, JOB_DONE) << world.reason(one.id);
+  EXPECT_EQ(world.row(two.id).status, JOB_DONE) << world.reason(two.id);
+  EXPECT_TRUE(hasLine(5, "resId(gpu0) transcode success\n"));
+  EXPECT_TRUE(hasLine(5, "resId(gpu1) transcode success\n"));
 }
 
 // --- stop, suspension and what others see

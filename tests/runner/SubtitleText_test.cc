@@ -1,0 +1,75 @@
+#include "resources/SubtitleText.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/runner/RunnerWorld.h"
+
+using namespace kxtest;
+using runner::encodingOf;
+using runner::readSubtitle;
+
+namespace {
+
+std::string wide(const std::string& ascii, bool bigEndian) {
+  std::string bytes;
+  for (const char c : ascii) {
+    const char pair[2] = {bigEndian ? '\0' : c, bigEndian ? c : '\0'};
+    bytes.append(pair, 2);
+  }
+  return bytes;
+}
+
+std::string read(const std::string& bytes) {
+  const TempDir dir;
+  writeFile(dir / "a.srt", bytes);
+  const runner::SubtitleText text = readSubtitle(dir / "a.srt");
+  return text.fault.empty() ? text.utf8 : text.fault;
+}
+
+const std::string kTimes = "1\n00:00:00,000 --> 00:00:02,000\n";
+
+}  // namespace
+
+TEST(SubtitleText, IsReadInEveryEncodingThatIsMet) {
+  EXPECT_EQ(read(kTimes + "Gr\xc3\xbc\xc3\x9f"
+                          "e\n"),
+            kTimes + "Gr\xc3\xbc\xc3\x9f"
+                     "e\n");
+  EXPECT_EQ(read("\xef\xbb\xbf" + kTimes + "caf\xc3\xa9\n"), kTimes + "caf\xc3\xa9\n");
+  EXPECT_EQ(read(kTimes + "Gr\xfc\xdf"
+                          "e, caf\xe9, \xe0 bient\xf4t\n"),
+            kTimes + "Gr\xc3\xbc\xc3\x9f"
+                     "e, caf\xc3\xa9, \xc3\xa0 bient\xc3\xb4t\n");
+  EXPECT_EQ(read(kTimes + "\xc4\xe3\xba\xc3\xa3\xac\xca\xc0\xbd\xe7\n"),
+            kTimes + "\xe4\xbd\xa0\xe5\xa5\xbd\xef\xbc\x8c\xe4\xb8\x96\xe7\x95\x8c\n");
+  for (const bool bigEndian : {false, true}) {
+    const std::string mark = bigEndian ? "\xfe\xff" : "\xff\xfe";
+    EXPECT_EQ(read(mark + wide(kTimes + "hello\n", bigEndian)), kTimes + "hello\n");
+    EXPECT_EQ(read(wide(kTimes + "hello\n", bigEndian)), kTimes + "hello\n");
+  }
+}
+
+TEST(SubtitleText, EncodingsAreToldApart) {
+  EXPECT_EQ(encodingOf(kTimes), "UTF-8");
+  EXPECT_EQ(encodingOf("na\xefve r\xe9sum\xe9"), "WINDOWS-1252");
+  EXPECT_EQ(encodingOf("\xd6\xd0\xce\xc4 text \xd7\xd6\xc4\xbb"), "GB18030");
+  EXPECT_EQ(encodingOf("Gr\xfc\xdf"), "WINDOWS-1252");
+  EXPECT_EQ(encodingOf("odd \x81 byte"), "ISO-8859-1");
+}
+
+TEST(SubtitleText, APlaylistIsNoSubtitle) {
+  EXPECT_EQ(read("#EXTM3U\nhttp://host/a\n"), "the subtitle is a playlist");
+  EXPECT_EQ(read("\xef\xbb\xbf"
+                 "ffconcat version 1.0\nfile a\n"),
+            "the subtitle is a playlist");
+  EXPECT_EQ(readSubtitle("/absent.srt").fault, "the subtitle cannot be read");
+}
+
+TEST(SubtitleText, RealFilesGiveReadableText) {
+  if (!mediaDir()) GTEST_SKIP() << "no folder of real media files";
+  for (const auto& entry : std::filesystem::directory_iterator(*mediaDir() + "/subs")) {
+    const runner::SubtitleText text = readSubtitle(entry.path());
+    EXPECT_EQ(text.fault, "") << entry.path();
+    EXPECT_EQ(text.utf8.find('\0'), std::string::npos) << entry.path() << " " << text.encoding;
+  }
+}
