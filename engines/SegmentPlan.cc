@@ -83,7 +83,8 @@ bool platformCanCut(const std::string& name, int type, std::vector<EngineNote>& 
   const bool refused = std::ranges::find(kRefusedPlatforms, type) != kRefusedPlatforms.end();
   std::string text = "model: " + name;
   text += refused ? ", do not support" : ", support";
-  notes.push_back({kFunction, text + " segment transcode\n"});
+  text += " segment transcode\n";
+  notes.push_back({kFunction, text});
   return !refused;
 }
 

@@ -14,7 +14,6 @@
 
 namespace fs = std::filesystem;
 using kxtest::RecordingLog;
-using kxtest::writeFile;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -128,10 +127,11 @@ class Segments : public kxtest::EngineTest {
 
   std::vector<std::string> segmentTexts(const RecordingLog& log) const {
     std::vector<std::string> texts;
-    for (const auto& line : log.lines())
+    for (const auto& line : log.lines()) {
       if (line.source == "KxTranscoder" &&
           (line.func == "doSegment" || line.func == "doMerge" || line.func.starts_with("gen")))
         texts.push_back(line.text);
+    }
     return texts;
   }
 

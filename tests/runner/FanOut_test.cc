@@ -13,7 +13,6 @@ using namespace kxtest;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 namespace {
 
