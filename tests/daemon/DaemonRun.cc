@@ -73,6 +73,9 @@ DaemonRun::DaemonRun(const DaemonRoot& root)
 
 DaemonRun::~DaemonRun() {
   if (isRunning()) end(SIGKILL);
+  // What a sanitizer finds in the daemon does not show in its exit status.
+  for (const char* finding : {"ThreadSanitizer:", "AddressSanitizer:", "runtime error:"})
+    EXPECT_EQ(log().find(finding), std::string::npos) << finding;
   if (testing::Test::HasFailure()) std::cerr << log();
 }
 
