@@ -127,7 +127,9 @@ std::vector<Seg_t> collectSegments(const std::string& folder, int formatId) {
   for (int index = 0;; ++index) {
     const std::string name = pieceName(formatId, index);
     if (!exists(folder + name)) return segments;
-    segments.push_back({folder + name, folder + "merge_" + name});
+    std::string result = folder + "merge_";
+    result += name;
+    segments.push_back({folder + name, result});
   }
 }
 
