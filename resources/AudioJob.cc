@@ -6,6 +6,42 @@
 #include "resources/RunnerLog.h"
 
 namespace runner {
+namespace {
+
+// Numbers of the picture formats that an MP3 file may carry.
+constexpr int kJpeg = 8;
+constexpr int kPng = 62;
+
+template <typename Words>
+void append(Words& words, const std::vector<std::string>& more) {
+  words.insert(words.end(), more.begin(), more.end());
+}
+
+// Cover art is among the video streams, but it is no video track.
+std::vector<std::string> coverArguments(const KxMediaInfo& info) {
+  std::vector<std::string> arguments;
+  int index = 0;
+  for (const KxStream& stream : info.m_streams) {
+    if (stream.m_type != KX_STREAM_VIDEO) continue;
+    const bool carried = stream.m_codecId == kJpeg || stream.m_codecId == kPng;
+    if (stream.m_isEmpty && carried) append(arguments, {"-map", "0:v:" + std::to_string(index)});
+    ++index;
+  }
+  if (!arguments.empty()) append(arguments, {"-c:v", "copy"});
+  return arguments;
+}
+
+// Ogg files keep their tags with the sound, where MP3 has no place for them.
+bool hasTagsOnStream(const std::string& path) {
+  return path.ends_with(".ogg") || path.ends_with(".oga") || path.ends_with(".opus");
+}
+
+std::vector<std::string> tagArguments(const std::string& path, int track) {
+  if (!hasTagsOnStream(path)) return {};
+  return {"-map_metadata", "0", "-map_metadata:g", "0:s:a:" + std::to_string(track)};
+}
+
+}  // namespace
 
 MusicTranscodeParam audioParam(const KxDBTaskParam& job, const TransConfigEntry& config) {
   MusicTranscodeParam param;
@@ -55,6 +91,8 @@ std::string AudioJob::convert(const TransConfigEntry& config, const AudioPlaceme
 std::string AudioJob::encode(const TransConfigEntry& config, TemporaryFile& file) {
   MusicTranscodeParam param = audioParam(m_run.job(), config);
   param.m_outFile = file.path();
+  append(param.m_extraCmds, coverArguments(m_source.info));
+  append(param.m_extraCmds, tagArguments(param.m_inFile, param.m_aid));
   KxMusicTranscoder transcoder;
   const Cleanup cleanup([&] { return transcoder.getProgressLogPath(); });
   if (transcoder.init(param) != 0) {
