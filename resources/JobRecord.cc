@@ -28,6 +28,14 @@ void writeRow(const KxDBTaskParam& row) {
   if (store->updateDBJobStatus(row) != 0) KX_RUNNER_LOG("updateDBJobStatus fail\n");
 }
 
+// A row that was deleted while its job ran leaves its id to the next job.
+bool isReplaced(const KxDBTaskParam& job) {
+  const std::vector<KxDBTask> rows = KxTransDBMgr::getInstance()->getDBJobById(job.id);
+  if (rows.empty()) return false;
+  const KxDBTaskParam& row = rows.front().param;
+  return row.src != job.src || row.dateAdd != job.dateAdd;
+}
+
 KxDBTaskParam outcome(const JobRun& run, bool stopped, bool succeeded) {
   KxDBTaskParam row = run.job();
   row.dateStart = stopped ? 0 : run.startTime();
@@ -64,6 +72,7 @@ void writeOutcome(const JobRun& run, KxUnitState_e state, bool succeeded) {
                              : row.status == JOB_DONE ? run.remarks()
                                                       : "";
   const StoreLock lock;
+  if (isReplaced(run.job())) return;
   writeRow(row);
   KxTransDBMgr* store = KxTransDBMgr::getInstance();
   if (store->getDBJobReason(row.id) != reason) store->updateDBJobReason(row.id, reason);

@@ -597,6 +597,22 @@ TEST_F(RunningJob, AStopEndsTheEncoderWithinASecondAndTheJobWaitsAgain) {
   EXPECT_FALSE(fs::exists(result("film.mp4.mobile240p.mp4")));
 }
 
+TEST_F(RunningJob, ARunWhoseRowIsGoneLeavesTheNextOwnerOfItsIdAlone) {
+  begin();
+  KxTransDBMgr* store = KxTransDBMgr::getInstance();
+  const std::string id = std::to_string(job.id);
+  store->mutexLock();
+  EXPECT_EQ(store->exec("UPDATE JobTable SET SrcPath = '/other.mp4', Status = 1, DateFinish = 77 "
+                        "WHERE Id = " +
+                        id),
+            0);
+  store->mutexUnLock();
+  world.stop(job.id);
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_EQ(world.row(job.id).status, JOB_DONE);
+  EXPECT_EQ(world.row(job.id).dateFinish, 77);
+}
+
 TEST_F(RunningJob, AnEncoderThatIgnoresTheSignalIsKilled) {
   const std::string ready = world.media("ready");
   begin(PROFILE_240P, "trap '' TERM\ntouch '" + ready + "'\nwhile :; do sleep 0.05; done\n");
