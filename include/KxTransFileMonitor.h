@@ -82,6 +82,8 @@ class KxTransFileMonitor {
   int getFolderSize();
   /// @param index place in the ascending order of paths, from 0
   int getFolder(unsigned int index, KxTransFileSetting& setting);
+  /// True when the folder itself is in the list.
+  bool hasFolder(const std::string& path);
   /// Watches a folder: it must be a real directory that is not in the list. It is scanned at
   /// once; the scanner is started when it is stopped.
   int addFolder(std::string path, std::string target);

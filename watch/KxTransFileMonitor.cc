@@ -38,6 +38,12 @@ bool isRealFolder(const std::string& path) {
   return lstat(path.substr(0, end + 1).c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
+// Files that were queued for the target of a folder around theirs are new for their own.
+void forgetRecords(const std::string& path) {
+  const KxDBMgrFileParam folder("", FolderLookup::normalised(path), 0, 0);
+  withStore([&] { return KxTransDBMgr::getInstance()->deleteDBFolder(folder); });
+}
+
 }  // namespace
 
 KxTransFileMonitor* KxTransFileMonitor::getInstance() {
@@ -134,12 +140,21 @@ int KxTransFileMonitor::getFolder(unsigned int index, KxTransFileSetting& settin
   return m_config.getFolderSetting(index, setting);
 }
 
+bool KxTransFileMonitor::hasFolder(const std::string& path) {
+  ScopedMutexLock lock(m_mutex);
+  KxTransFileSetting setting;
+  return m_config.getFolderSetting(path, setting, true) == 0;
+}
+
 int KxTransFileMonitor::addFolder(std::string path, std::string target) {
   const KxTransFileSetting setting(path, target);
   {
     ScopedMutexLock lock(m_mutex);
     if (!isRealFolder(path)) return 1;
+    KxTransFileSetting outer;
+    const bool isNested = m_config.getFolderSetting(path, outer, false) == 0;
     if (m_config.addFolder(setting) != 0) return 1;
+    if (isNested) forgetRecords(path);
   }
   // Watched first, so that nothing falls between the walk and the watches.
   if (agent()->getStatus()) agent()->addFolder(setting);
