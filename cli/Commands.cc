@@ -94,6 +94,23 @@ class Rate {
   double m_seconds = 0;
 };
 
+// A folder as the service lists it: without a final "/".
+std::string folderPath(const std::string& path) {
+  std::string folder = absolutePath(path);
+  while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+  return folder;
+}
+
+// How a folder is watched, for people.
+std::string watchText(const nlohmann::json& row) {
+  const std::string state = string(row, "state");
+  if (state == "watched") return "watched";
+  if (state == "partial") return "PARTLY WATCHED: the limit of watches is reached";
+  if (state == "missing") return "missing";
+  if (state == "failed") return "NOT WATCHED: " + string(row, "error");
+  return "not watched yet";
+}
+
 }  // namespace
 
 void Commands::print(const nlohmann::json& value) const {
@@ -545,6 +562,92 @@ int Commands::importLegacy(const std::string& file) {
   } else {
     printf("%d jobs imported.\n", answer.number(2));
   }
+  return kExitOk;
+}
+
+int Commands::sendFolder(KxCommand_e command, const FolderOptions& options,
+                         const std::string& done) {
+  uint64_t bits = profileBits(options.profiles);
+  if (options.allProfiles) bits = (uint64_t{1} << profileNames().size()) - 1;
+  if (bits == 0) throw Failure(kExitUsage, "Name the wanted profiles with --profile, or use --all");
+  const std::string path = folderPath(options.path);
+  m_client.demand(Request(command).text(1, path).text(2, std::to_string(bits)));
+  if (m_json)
+    print({{"ok", true}, {"path", path}, {"target", bits}});
+  else
+    printf("%s %s for %s.\n", printable(path).c_str(), done.c_str(), profileText(bits).c_str());
+  return kExitOk;
+}
+
+int Commands::folderAdd(const FolderOptions& options) {
+  return sendFolder(KX_CMD_ADD_FOLDER, options, "is watched");
+}
+
+int Commands::folderUpdate(const FolderOptions& options) {
+  return sendFolder(KX_CMD_UPDATE_FOLDER, options, "is queued again");
+}
+
+int Commands::folderRemove(const std::string& path) {
+  const std::string folder = folderPath(path);
+  m_client.demand(Request(KX_CMD_DEL_FOLDER).text(1, folder));
+  if (m_json)
+    print({{"ok", true}, {"path", folder}});
+  else
+    printf("%s is no longer watched; its jobs are forgotten.\n", printable(folder).c_str());
+  return kExitOk;
+}
+
+// The status with the folders of all its pages.
+nlohmann::json Commands::watchStatus() {
+  nlohmann::json status;
+  nlohmann::json folders = nlohmann::json::array();
+  for (;;) {
+    const Answer answer = m_client.demand(
+        Request(KX_CMD_WATCH_STATUS).number(1, static_cast<int32_t>(folders.size())));
+    status = answer.json();
+    const nlohmann::json page = status.value("folders", nlohmann::json::array());
+    for (const auto& row : page) folders.push_back(row);
+    if (page.empty() || static_cast<int32_t>(folders.size()) >= answer.number(2)) break;
+  }
+  status["folders"] = folders;
+  return status;
+}
+
+int Commands::folderList() {
+  const nlohmann::json status = watchStatus();
+  if (m_json) {
+    print(status);
+    return kExitOk;
+  }
+  std::vector<std::vector<std::string>> table = {{"PROFILES", "STATE", "FOLDER"}};
+  for (const auto& row : status["folders"])
+    table.push_back(
+        {profileText(static_cast<uint64_t>(std::max<int64_t>(integer(row, "target"), 0))),
+         watchText(row), printable(string(row, "path"))});
+  printf("%s", table.size() == 1 ? "No folders.\n" : tableText(table).c_str());
+  const std::string scanning = string(status, "scanning");
+  if (!scanning.empty()) printf("Scanning %s.\n", printable(scanning).c_str());
+  if (integer(status, "queuedScans") > 0)
+    printf("%ld scans wait.\n", static_cast<long>(integer(status, "queuedScans")));
+  if (integer(status, "lostEvents") > 0)
+    printf("Events were lost %ld times, last %s; %s.\n",
+           static_cast<long>(integer(status, "lostEvents")),
+           timeText(integer(status, "lastLost")).c_str(),
+           status.value("needsScan", false) ? "a scan will repair it" : "a scan has repaired it");
+  return kExitOk;
+}
+
+int Commands::scan(bool stop) {
+  return stop ? simple(KX_CMD_STOP_BUILD_ALL, "Scanning is stopped.")
+              : simple(KX_CMD_BUILD_ALL, "All watched folders are being scanned.");
+}
+
+int Commands::config() {
+  const std::string text = m_client.read(Request(KX_CMD_GET_SVR_CONF));
+  if (m_json)
+    print({{"text", text}});
+  else
+    printf("%s", text.c_str());
   return kExitOk;
 }
 

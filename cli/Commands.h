@@ -34,6 +34,13 @@ struct ListOptions {
   bool descending = false;
 };
 
+// What `folder add` and `folder update` take.
+struct FolderOptions {
+  std::string path;
+  std::vector<std::string> profiles;
+  bool allProfiles = false;
+};
+
 // The subcommands. Each prints to standard output, as text or as JSON, and returns the exit
 // code; failures are thrown.
 class Commands {
@@ -63,8 +70,16 @@ class Commands {
   int hwaccel(const std::string& value);
   int dump(const std::string& what);
   int importLegacy(const std::string& file);
+  int folderAdd(const FolderOptions& options);
+  int folderUpdate(const FolderOptions& options);
+  int folderRemove(const std::string& path);
+  int folderList();
+  int scan(bool stop);
+  int config();
 
  private:
+  int sendFolder(KxCommand_e command, const FolderOptions& options, const std::string& done);
+  nlohmann::json watchStatus();
   // One page after the other of a list command; the JSON rows of all of them.
   nlohmann::json allRows(KxCommand_e command);
   nlohmann::json queryPage(const ListOptions& options, int limit, int offset, int64_t& total);

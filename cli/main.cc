@@ -21,6 +21,7 @@ struct Program {
 
   xcodectl::AddOptions add;
   xcodectl::ListOptions list;
+  xcodectl::FolderOptions watched;
   std::vector<int64_t> ids;
   int64_t id = 0;
   int64_t other = 0;
@@ -153,6 +154,36 @@ void addServiceCommands(CLI::App& app, Program& p) {
       ->check(CLI::IsMember({"resources", "units", "jobs"}));
 }
 
+void addFolderCommands(CLI::App& app, Program& p) {
+  CLI::App* folder = app.add_subcommand("folder", "Watched folders");
+  folder->require_subcommand(1);
+  folder->fallthrough();
+  const auto withProfiles = [&](const char* name, const char* help, auto action) {
+    CLI::App* sub = command(*folder, p, name, help, std::move(action));
+    sub->add_option("path", p.watched.path, "Folder")->required();
+    sub->add_option("-p,--profile", p.watched.profiles, "Profiles, separated by commas")
+        ->delimiter(',')
+        ->allow_extra_args(false);
+    sub->add_flag("--all", p.watched.allProfiles, "Every profile");
+  };
+  withProfiles("add", "Transcode what lands in a folder",
+               [&p](Commands& c) { return c.folderAdd(p.watched); });
+  withProfiles("update", "Change the profiles of a folder and queue its files again",
+               [&p](Commands& c) { return c.folderUpdate(p.watched); });
+  command(*folder, p, "remove", "Stop watching a folder and forget its jobs",
+          [&p](Commands& c) { return c.folderRemove(p.watched.path); })
+      ->add_option("path", p.watched.path, "Folder")
+      ->required();
+  command(*folder, p, "list", "Watched folders and how they are watched",
+          [](Commands& c) { return c.folderList(); });
+
+  command(app, p, "scan", "Look through all watched folders", [&p](Commands& c) {
+    return c.scan(p.flag);
+  })->add_flag("--stop", p.flag, "Stop scanning instead, and drop the scans that wait");
+  command(app, p, "config", "The watched folders as the service stores them",
+          [](Commands& c) { return c.config(); });
+}
+
 int runProgram(int argc, char** argv) {
   CLI::App app{"Controls the transcoding service.", "xcodectl"};
   app.set_version_flag("--version", std::string("xcodectl ") + KX_VERSION);
@@ -165,6 +196,7 @@ int runProgram(int argc, char** argv) {
       ->check(CLI::Range(1, 3600));
   app.add_flag("--json", program.json, "Print JSON");
   addJobCommands(app, program);
+  addFolderCommands(app, program);
   addServiceCommands(app, program);
 
   try {

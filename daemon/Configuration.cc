@@ -60,6 +60,7 @@ Configuration Configuration::read(const CommandLine& line) {
   conf.maxUnits = keys.number("MAX_UNITS", 0, 1, 64);
   conf.maxClients = keys.number("MAX_CLIENTS", conf.maxClients, 1, 256);
   conf.minFreeMb = keys.number("MIN_FREE_MB", -1, 0, 1 << 30);
+  conf.settleTime = std::chrono::seconds(keys.number("SETTLE_SEC", 3, 1, 3600));
   conf.recordTime = std::chrono::seconds(keys.number("RECORD_SEC", 10, 1, 600));
   conf.extraTranscode = keys.number("ENABLE_EXTRA_TRANSOCDE", 0, 0, 1) != 0;
   return conf;

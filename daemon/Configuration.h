@@ -34,6 +34,7 @@ struct Configuration {
   int maxClients = 32;
   int minFreeMb = -1;  // -1: the server's own rule
   bool extraTranscode = false;
+  std::chrono::seconds settleTime{3};   // that a watched file must be at rest
   std::chrono::seconds recordTime{10};  // for one record to arrive or to be taken
 };
 

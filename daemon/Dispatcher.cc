@@ -100,6 +100,7 @@ const std::vector<Command>& commandTable() {
       {KX_CMD_COUNT_JOB, "count-job", Everybody, nothing, nullptr, &Jobs::count},
       {KX_CMD_IMPORT_LEGACY, "import-legacy", Change, nothing, nullptr, &Jobs::importLegacy},
       {KX_CMD_SHOW_JOB, "show-job", Everybody, nothing, nullptr, &Jobs::show},
+      {KX_CMD_WATCH_STATUS, "watch-status", Everybody, nothing, nullptr, &Jobs::watchStatus},
   };
   return table;
 }

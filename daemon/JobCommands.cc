@@ -13,6 +13,7 @@
 #include "KxMediainfo.h"
 #include "Misc.h"
 #include "daemon/AccessRule.h"
+#include "daemon/FolderWatch.h"
 #include "daemon/LibraryLocks.h"
 
 namespace xcoded {
@@ -396,6 +397,25 @@ Answer JobCommands::clean(int, const KxSockData_s& request) {
                                    ? ""
                                    : "the job store refused the change";
                       }});
+}
+
+Answer JobCommands::removeFolder(int, const KxSockData_s& request) {
+  KxTransFileMonitor* monitor = KxTransFileMonitor::getInstance();
+  const std::string path = requestPath(request, 1);
+  if (!monitor->hasFolder(path)) throw RequestError("the folder is not watched");
+  StopOperation operation;
+  operation.matches = [prefix = convertFolderPath(path)](const KxDBTaskParam& job) {
+    return job.src.compare(0, prefix.size(), prefix) == 0;
+  };
+  operation.act = [monitor, path]() -> std::string {
+    return monitor->delFolder(path) == 0 ? "" : "the folder could not be taken out";
+  };
+  operation.takesLocks = true;
+  return whenStopped(std::move(operation));
+}
+
+Answer JobCommands::watchStatus(int, const KxSockData_s& request) {
+  return xcoded::watchStatus(request);
 }
 
 Answer JobCommands::importLegacy(int, const KxSockData_s& request) {

@@ -25,6 +25,9 @@ class JobCommands {
   Answer swapPlaces(int fd, const KxSockData_s& request);
   Answer move(int fd, const KxSockData_s& request);
   Answer clean(int fd, const KxSockData_s& request);
+  // Takes a watched folder out of the list, when its jobs have stopped.
+  Answer removeFolder(int fd, const KxSockData_s& request);
+  Answer watchStatus(int fd, const KxSockData_s& request);
   Answer importLegacy(int fd, const KxSockData_s& request);
   Answer registerProcess(int fd, const KxSockData_s& request);
 

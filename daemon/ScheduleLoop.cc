@@ -19,14 +19,22 @@ constexpr std::chrono::seconds kResourceCount{60};
 constexpr std::chrono::seconds kYoung{5};  // until a unit's memory shows in the free memory
 constexpr int kMaxSkipped = 4096;          // rows without room that one round looks at
 
+constexpr std::chrono::milliseconds kSoon{500};  // between rounds for jobs that come in a row
+
+std::string carryOut(const StopOperation& operation) {
+  if (operation.takesLocks) return operation.act();
+  const StoreLock store;
+  return operation.act();
+}
+
 void onRunnerLeft(void* loop) {
   static_cast<ScheduleLoop*>(loop)->notify();
 }
 
 }  // namespace
 
-ScheduleLoop::ScheduleLoop(Server server, int maxUnits)
-    : m_server(std::move(server)), m_configuredUnits(maxUnits) {}
+ScheduleLoop::ScheduleLoop(Server server, int maxUnits, std::chrono::seconds settleTime)
+    : m_server(std::move(server)), m_configuredUnits(maxUnits), m_watched(settleTime) {}
 
 ScheduleLoop::~ScheduleLoop() {
   if (m_thread.joinable()) stop(std::chrono::seconds(0));
@@ -40,6 +48,12 @@ void ScheduleLoop::start() {
 void ScheduleLoop::notify() {
   MutexLock lock(m_mutex);
   m_isNotified = true;
+  m_changed.notify_all();
+}
+
+void ScheduleLoop::notifySoon() {
+  MutexLock lock(m_mutex);
+  m_isSoon = true;
   m_changed.notify_all();
 }
 
@@ -100,10 +114,14 @@ void ScheduleLoop::run() {
 bool ScheduleLoop::waitForWork() {
   Clock::time_point wakeUp = m_nextHouseKeeping;
   if (const auto pauseEnd = m_server.pauseEnd()) wakeUp = std::min(wakeUp, *pauseEnd);
+  if (const auto look = m_watched.nextLook()) wakeUp = std::min(wakeUp, *look);
   MutexLock lock(m_mutex);
-  while (!m_isNotified && !m_isStopping)
-    if (m_changed.wait_until(m_mutex, wakeUp) == std::cv_status::timeout) break;
-  m_isNotified = false;
+  while (!m_isNotified && !m_isStopping) {
+    const Clock::time_point limit = m_isSoon ? std::min(wakeUp, m_lastRound + kSoon) : wakeUp;
+    if (m_changed.wait_until(m_mutex, limit) == std::cv_status::timeout) break;
+  }
+  m_isNotified = m_isSoon = false;
+  m_lastRound = Clock::now();
   m_open.splice(m_open.end(), m_submitted);
   return !m_isStopping;
 }
@@ -154,12 +172,7 @@ void ScheduleLoop::settleOperations() {
       ++open;
       continue;
     }
-    std::string failure;
-    {
-      StoreLock store;
-      failure = open->operation.act();
-    }
-    open->result.set_value(failure);
+    open->result.set_value(carryOut(open->operation));
     open = m_open.erase(open);
   }
 }
@@ -188,13 +201,22 @@ int ScheduleLoop::slotsNow(const std::vector<KxDBTaskParam>& units) {
   return freeSlots(state);
 }
 
+// False when the job keeps waiting.
+bool ScheduleLoop::startJob(const KxDBTaskParam& job, RoomLedger& room) {
+  const auto isRunning = [this] { return m_server.status() == SVR_RUNNING; };
+  if (isHeld(job) || !room.reserve(job) || !startUnit(job.id, isRunning)) return false;
+  m_startTimes[job.id] = Clock::now();
+  m_hasWorked = true;
+  return true;
+}
+
 void ScheduleLoop::startJobs() {
+  m_watched.beginRound();
   const std::vector<KxDBTaskParam> units = unitJobs();
   int slots = slotsNow(units);
   if (slots == 0) return;
   RoomLedger room(volumeOfFile);
   for (const KxDBTaskParam& job : units) room.reserve(job);
-  const auto isRunning = [this] { return m_server.status() == SVR_RUNNING; };
   WaitingRows rows;
   bool isDiskChecked = false;
   while (slots > 0 && rows.skipped() < kMaxSkipped) {
@@ -203,13 +225,12 @@ void ScheduleLoop::startJobs() {
     // Asked only when there is something to start: a full disk is logged each time.
     if (!isDiskChecked && m_server.isDiskFull()) return;
     isDiskChecked = true;
-    if (isHeld(*job) || !room.reserve(*job) || !startUnit(job->id, isRunning)) {
+    const WatchedJobs::Verdict verdict = m_watched.judge(*job, unitJobs());
+    if (verdict == WatchedJobs::Verdict::Renewed) continue;
+    if (verdict == WatchedJobs::Verdict::Wait || !startJob(*job, room))
       rows.skip();
-      continue;
-    }
-    m_startTimes[job->id] = Clock::now();
-    m_hasWorked = true;
-    --slots;
+    else
+      --slots;
   }
 }
 

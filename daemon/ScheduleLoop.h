@@ -12,6 +12,7 @@
 #include "daemon/Mutex.h"
 #include "daemon/Scheduler.h"
 #include "daemon/UnitControl.h"
+#include "daemon/WatchedJobs.h"
 
 namespace xcoded {
 
@@ -19,6 +20,7 @@ namespace xcoded {
 struct StopOperation {
   JobFilter matches;                 // the jobs that it concerns
   std::function<std::string()> act;  // runs with the job store locked; returns why it failed
+  bool takesLocks = false;           // act locks by itself and runs without the lock
 };
 
 // The thread that starts waiting jobs and keeps house.
@@ -39,7 +41,9 @@ class ScheduleLoop {
   };
 
   // @param maxUnits units at once, 0: chosen from the machine
-  ScheduleLoop(Server server, int maxUnits);
+  // @param settleTime that the source of a watched folder must be at rest
+  ScheduleLoop(Server server, int maxUnits,
+               std::chrono::seconds settleTime = std::chrono::seconds(3));
   ~ScheduleLoop();
   ScheduleLoop(const ScheduleLoop&) = delete;
   ScheduleLoop& operator=(const ScheduleLoop&) = delete;
@@ -51,6 +55,8 @@ class ScheduleLoop {
 
   // Something changed: the queue, the state of the server, or a unit ended.
   void notify();
+  // A job was queued. Many of them in a row wake the thread twice a second.
+  void notifySoon();
   // Stops the units of matching jobs and acts when they are gone. The future yields what act
   // returned.
   std::future<std::string> submit(StopOperation operation);
@@ -72,6 +78,7 @@ class ScheduleLoop {
   void startJobs();
   int slotsNow(const std::vector<KxDBTaskParam>& units);
   bool isHeld(const KxDBTaskParam& job);
+  bool startJob(const KxDBTaskParam& job, RoomLedger& room);
   bool waitForUnits(std::chrono::milliseconds limit);
 
   const Server m_server;
@@ -81,6 +88,7 @@ class ScheduleLoop {
   Mutex m_mutex;
   Condition m_changed;
   bool m_isNotified KX_GUARDED_BY(m_mutex) = false;
+  bool m_isSoon KX_GUARDED_BY(m_mutex) = false;
   bool m_isStopping KX_GUARDED_BY(m_mutex) = false;
   std::list<OpenOperation> m_submitted KX_GUARDED_BY(m_mutex);
 
@@ -88,6 +96,8 @@ class ScheduleLoop {
   std::list<OpenOperation> m_open;
   int m_maxUnits = 1;
   bool m_hasWorked = true;  // since memory was given back last; loading counts as work
+  WatchedJobs m_watched;
+  Clock::time_point m_lastRound;
   Clock::time_point m_nextHouseKeeping;
   Clock::time_point m_nextResourceCount;
   std::map<int64_t, Clock::time_point> m_startTimes;  // of units, by job

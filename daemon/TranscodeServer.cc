@@ -22,6 +22,7 @@ namespace {
 constexpr const char* kLogSource = "xcoded";
 constexpr int kBacklog = 128;
 constexpr std::chrono::seconds kUnitsEnd{20};    // for all units to stop
+constexpr std::chrono::seconds kWatchEnd{10};    // for scans and watches
 constexpr std::chrono::seconds kClientsEnd{10};  // for the last answers
 
 std::optional<gid_t> allowedGroup(const std::string& name) {
@@ -36,9 +37,9 @@ std::optional<gid_t> allowedGroup(const std::string& name) {
 TranscodeServer::TranscodeServer(Configuration configuration, bool isDaemon)
     : m_configuration(std::move(configuration)),
       m_rule(geteuid(), allowedGroup(m_configuration.allowGroup)),
-      m_loop(loopServer(), m_configuration.maxUnits), m_jobs(m_loop),
-      m_connections(connectionHandlers(),
-                    {m_configuration.maxClients, m_configuration.recordTime}) {
+      m_loop(loopServer(), m_configuration.maxUnits, m_configuration.settleTime), m_jobs(m_loop),
+      m_watch(m_loop), m_connections(connectionHandlers(),
+                                     {m_configuration.maxClients, m_configuration.recordTime}) {
   m_isDaemon = isDaemon ? 1 : 0;
   m_enableExtraTranscode = m_configuration.extraTranscode ? 1 : 0;
   m_mediaDB2XmlPath = m_configuration.libraryFolderFile;
@@ -76,10 +77,13 @@ int TranscodeServer::svrInit() {
   // Without control groups the service works unconfined, and the resources are there.
   if (KxResMgr2::getInstance()->init(m_configuration.cgroupName) != 0)
     KX_LOG_LEVEL(2, "resources or limits are not complete, we go on without them\n");
+  if (!m_watch.init(m_mediaDB2XmlPath, m_xCodeSvrXmlPath))
+    KX_LOG_LEVEL(2, "the list of watched folders cannot be read, no folder is watched\n");
   if (!openSocket()) return 1;
   setSvrStatus(SVR_RUNNING);
   m_loop.start();
   m_connections.start();
+  m_watch.start();
   KX_LOG_LEVEL(4, "serving on %s\n", m_configuration.socketPath.c_str());
   return 0;
 }
@@ -97,10 +101,12 @@ int TranscodeServer::svrRun() {
   m_isEnding = true;
   const bool unitsEnded = m_loop.stop(kUnitsEnd);
   if (!unitsEnded) KX_LOG_LEVEL(2, "a unit did not stop in time\n");
+  const bool watchEnded = m_watch.stop(kWatchEnd);
+  if (!watchEnded) KX_LOG_LEVEL(2, "folder watching did not stop in time\n");
   const bool clientsEnded = m_connections.stop([this] { wakeAcceptor(); }, kClientsEnd);
   unlink(m_configuration.socketPath.c_str());
   // What could not stop in time dies with the process, and its files are removed by the next.
-  if (unitsEnded && clientsEnded) KxTransDBMgr::getInstance()->uninit();
+  if (unitsEnded && clientsEnded && watchEnded) KxTransDBMgr::getInstance()->uninit();
   KX_LOG_LEVEL(4, "ended\n");
   return unitsEnded ? 0 : 1;
 }
@@ -156,6 +162,29 @@ int TranscodeServer::answerWith(int fd, const KxSockData_s& request,
     answer = Answer::failure("the service could not do it");
   }
   return xcoded::sendAnswer(fd, requestNumber(request, 0), answer) ? 0 : 1;
+}
+
+int TranscodeServer::addFolder(int fd, KxSockData_s& request) {
+  try {
+    checkTarget(requestText(request, 2));
+    checkWatchable(requestPath(request, 1));
+  } catch (const RequestError& error) {
+    return refuse(fd, request, error.what());
+  }
+  return KxAbsTranscodeSvr::addFolder(fd, request);
+}
+
+int TranscodeServer::updateFolder(int fd, KxSockData_s& request) {
+  try {
+    checkTarget(requestText(request, 2));
+  } catch (const RequestError& error) {
+    return refuse(fd, request, error.what());
+  }
+  return KxAbsTranscodeSvr::updateFolder(fd, request);
+}
+
+int TranscodeServer::delFolder(int fd, KxSockData_s& request) {
+  return answerWith(fd, request, &JobCommands::removeFolder);
 }
 
 int TranscodeServer::dumpJob(int, KxSockData_s&) {

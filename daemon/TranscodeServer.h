@@ -12,6 +12,7 @@
 #include "daemon/ClientConnections.h"
 #include "daemon/Configuration.h"
 #include "daemon/Dispatcher.h"
+#include "daemon/FolderWatch.h"
 #include "daemon/JobCommands.h"
 #include "daemon/Mutex.h"
 #include "daemon/ScheduleLoop.h"
@@ -33,6 +34,11 @@ class TranscodeServer : public KxAbsTranscodeSvr {
   // Serves one request: looks the command up, checks right and arguments, has it answered.
   int svrDispatch(int fd, KxSockData_s& request) override;
 
+  // Refuse what the library would take but nobody can want.
+  int addFolder(int fd, KxSockData_s& request) override;
+  int updateFolder(int fd, KxSockData_s& request) override;
+  // Stops the jobs of the folder first.
+  int delFolder(int fd, KxSockData_s& request) override;
   int dumpJob(int fd, KxSockData_s& request) override;
   int addJob(int fd, KxSockData_s& request) override;
   int queryJob(int fd, KxSockData_s& request) override;
@@ -68,6 +74,7 @@ class TranscodeServer : public KxAbsTranscodeSvr {
   std::chrono::steady_clock::time_point m_pauseStart KX_GUARDED_BY(m_pauseMutex);
   ScheduleLoop m_loop;
   JobCommands m_jobs;
+  FolderWatch m_watch;
   ClientConnections m_connections;
 };
 

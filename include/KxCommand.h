@@ -43,4 +43,5 @@ enum KxCommand_e : int32_t {
   KX_CMD_COUNT_JOB = 33,         ///< JSON as QUERY_JOB; block 2: rows
   KX_CMD_IMPORT_LEGACY = 34,     ///< block 1: path of the older database
   KX_CMD_SHOW_JOB = 35,          ///< JSON {"id":N}: one row with its outputs and last reason
+  KX_CMD_WATCH_STATUS = 36,      ///< state of folder watching and of every folder as JSON
 };

@@ -278,3 +278,71 @@ TEST(Client, WaitTellsTheOutcomeByItsExitStatus) {
   EXPECT_NE(failed.out.find("Job 2 failed: encoder died"), std::string::npos) << failed.out;
   EXPECT_EQ(xcodectl({"--socket", dir / "s.sock", "wait", "3"}).exitCode, 7);
 }
+
+namespace {
+
+void putText(KxSockData_s& record, const std::string& text) {
+  std::memcpy(record.block[KxSockData_s::kTextBlock], text.c_str(), text.size() + 1);
+}
+
+}  // namespace
+
+TEST(Client, AFolderIsSentWithTheBitsOfItsProfiles) {
+  kxtest::TempDir dir;
+  std::vector<std::string> seen;
+  const Service service(dir / "s", [&](const KxSockData_s& request, KxSockData_s& answer) {
+    seen.push_back(std::to_string(number(request, 0)) + " " + request.block[1] + " " +
+                   request.block[2]);
+    return sizeof answer;
+  });
+  const auto run = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), {"--socket", dir / "s"});
+    return xcodectl(words).exitCode;
+  };
+  EXPECT_EQ(run({"folder", "add", "/videos//x/", "--profile", "mobile480p,video2audio"}), 0);
+  EXPECT_EQ(run({"folder", "update", "--all", "/videos"}), 0);
+  EXPECT_EQ(run({"folder", "remove", "/videos"}), 0);
+  EXPECT_EQ(run({"scan"}), 0);
+  EXPECT_EQ(run({"scan", "--stop"}), 0);
+  EXPECT_EQ(run({"folder", "add", "/videos"}), 2) << "no profile";
+  EXPECT_EQ(run({"folder", "add", "/videos", "--profile", "huge"}), 2);
+  EXPECT_EQ(run({"folder"}), 2);
+  EXPECT_EQ(seen, (std::vector<std::string>{"15 /videos/x 68", "17 /videos 127", "16 /videos ",
+                                            "18  ", "19  "}));
+}
+
+TEST(Client, TheFolderListTellsWhatIsNotWatchedAndWhatWasLost) {
+  kxtest::TempDir dir;
+  const Service service(dir / "s", [](const KxSockData_s& request, KxSockData_s& answer) {
+    // One folder a page.
+    const bool isFirst = number(request, 1) == 0;
+    const int32_t total = 2;
+    std::memcpy(answer.block[2], &total, sizeof total);
+    const std::string row =
+        isFirst ? R"({"path":"/a","target":5,"state":"watched","error":""})"
+                : R"({"path":"/b\u001b[2J","target":1,"state":"partial","error":"full"})";
+    putText(answer, R"({"scanning":"/a","queuedScans":2,"lostEvents":3,"lastLost":1000,)"
+                    R"("needsScan":true,"folders":[)" +
+                        row + "]}");
+    return sizeof answer;
+  });
+  const Outcome outcome = xcodectl({"--socket", dir / "s", "folder", "list"});
+  EXPECT_EQ(outcome.exitCode, 0);
+  for (const char* part :
+       {"mobile240p,mobile480p  watched", "PARTLY WATCHED: the limit of watches is reached  /b",
+        "Scanning /a.", "2 scans wait.", "Events were lost 3 times", "a scan will repair it"})
+    EXPECT_NE(outcome.out.find(part), std::string::npos) << part << "\n" << outcome.out;
+  EXPECT_EQ(outcome.out.find('\033'), std::string::npos);
+  const Outcome json = xcodectl({"--socket", dir / "s", "--json", "folder", "list"});
+  EXPECT_EQ(nlohmann::json::parse(json.out).at("folders").size(), 2U);
+}
+
+TEST(Client, TheConfigurationIsPrintedAsItComes) {
+  kxtest::TempDir dir;
+  const Service service(dir / "s", [](const KxSockData_s&, KxSockData_s& answer) {
+    const std::string text = "/a:4\n/b:8\n";
+    std::memcpy(&answer, text.data(), text.size());
+    return text.size();
+  });
+  EXPECT_EQ(xcodectl({"--socket", dir / "s", "config"}).out, "/a:4\n/b:8\n");
+}

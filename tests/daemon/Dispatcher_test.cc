@@ -49,7 +49,7 @@ bool isPathRefused(int32_t code, const std::string& path) {
 
 TEST(Dispatcher, EveryCodeOfTheHeaderHasOneCommand) {
   const auto codes = codesOfHeader();
-  EXPECT_EQ(codes.size(), 34U);
+  EXPECT_EQ(codes.size(), 35U);
   EXPECT_EQ(commandTable().size(), codes.size());
   for (const auto& [name, code] : codes) EXPECT_NE(findCommand(code), nullptr) << name;
   std::set<int32_t> seen;
@@ -73,7 +73,7 @@ TEST(Dispatcher, EveryCodeIsDocumented) {
 }
 
 TEST(Dispatcher, CodesZeroAndOneAndUnknownOnesAreNoCommands) {
-  for (const int32_t code : {0, 1, 36, 1000, -1, INT32_MAX, INT32_MIN})
+  for (const int32_t code : {0, 1, 37, 1000, -1, INT32_MAX, INT32_MIN})
     EXPECT_EQ(findCommand(code), nullptr) << code;
 }
 
@@ -81,7 +81,7 @@ TEST(Dispatcher, OnlyStatusAndListsAreOpenToEverybody) {
   const std::set<int32_t> open = {
       KX_CMD_GET_SVR_STATUS, KX_CMD_GET_CPU_LIMIT, KX_CMD_GET_MEM_LIMIT,    KX_CMD_GET_SVR_CONF,
       KX_CMD_QUERY_JOB,      KX_CMD_GET_RESOURCE,  KX_CMD_GET_PROCESS_INFO, KX_CMD_GET_STATUS,
-      KX_CMD_GET_EXTRA,      KX_CMD_COUNT_JOB,     KX_CMD_SHOW_JOB};
+      KX_CMD_GET_EXTRA,      KX_CMD_COUNT_JOB,     KX_CMD_SHOW_JOB,         KX_CMD_WATCH_STATUS};
   for (const Command& command : commandTable())
     EXPECT_EQ(command.right == Right::Everybody, open.count(command.code) == 1) << command.name;
 }
