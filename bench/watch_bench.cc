@@ -65,10 +65,11 @@ size_t plainWalk(const std::string& folder) {
     const std::string path = folder + "/" + entry->d_name;
     struct stat info {};
     lstat(path.c_str(), &info);
-    if (S_ISDIR(info.st_mode))
+    if (S_ISDIR(info.st_mode)) {
       files += plainWalk(path);
-    else
+    } else {
       ++files;
+    }
   }
   return files;
 }
@@ -76,9 +77,10 @@ size_t plainWalk(const std::string& folder) {
 void plainWatches(int queue, const std::string& folder) {
   inotify_add_watch(queue, folder.c_str(), IN_CREATE | IN_MOVE | IN_DELETE | IN_CLOSE_WRITE);
   const std::unique_ptr<DIR, Folders> dir(opendir(folder.c_str()));
-  while (const dirent* entry = readdir(dir.get()))
+  while (const dirent* entry = readdir(dir.get())) {
     if (entry->d_type == DT_DIR && entry->d_name[0] != '.')
       plainWatches(queue, folder + "/" + entry->d_name);
+  }
 }
 
 long long countRows() {
@@ -92,7 +94,7 @@ long long countRows() {
 void recordTree(const std::string& top) {
   const StoreLock lock;
   require(store()->exec("BEGIN") == 0, "no transaction");
-  for (const auto& folder : fs::directory_iterator(top))
+  for (const auto& folder : fs::directory_iterator(top)) {
     for (const auto& file : fs::directory_iterator(folder)) {
       struct stat info {};
       lstat(file.path().c_str(), &info);
@@ -100,6 +102,7 @@ void recordTree(const std::string& top) {
                                   info.st_mtime, info.st_size}) == 0,
               "cannot record a file");
     }
+  }
   require(store()->exec("COMMIT") == 0, "no commit");
 }
 
@@ -118,8 +121,9 @@ void benchRescan(kxbench::Report& report, KxTransFileConfig& config) {
   // Side by side, so that both see the same state of the machine.
   std::vector<double> ours, plain;
   for (int i = 0; i < kRuns; ++i) {
-    plain.push_back(kxbench::seconds(
-        [&] { require(plainWalk(top) == kFolders * kFilesEach, "the tree is not whole"); }));
+    plain.push_back(kxbench::seconds([&] {
+      require(plainWalk(top) == size_t{kFolders} * kFilesEach, "the tree is not whole");
+    }));
     ours.push_back(kxbench::seconds([&] { scanner->scanFolder(KxTransFileSetting(top, "4")); }));
   }
   std::sort(ours.begin(), ours.end());

@@ -572,10 +572,11 @@ int Commands::sendFolder(KxCommand_e command, const FolderOptions& options,
   if (bits == 0) throw Failure(kExitUsage, "Name the wanted profiles with --profile, or use --all");
   const std::string path = folderPath(options.path);
   m_client.demand(Request(command).text(1, path).text(2, std::to_string(bits)));
-  if (m_json)
+  if (m_json) {
     print({{"ok", true}, {"path", path}, {"target", bits}});
-  else
+  } else {
     printf("%s %s for %s.\n", printable(path).c_str(), done.c_str(), profileText(bits).c_str());
+  }
   return kExitOk;
 }
 
@@ -590,10 +591,11 @@ int Commands::folderUpdate(const FolderOptions& options) {
 int Commands::folderRemove(const std::string& path) {
   const std::string folder = folderPath(path);
   m_client.demand(Request(KX_CMD_DEL_FOLDER).text(1, folder));
-  if (m_json)
+  if (m_json) {
     print({{"ok", true}, {"path", folder}});
-  else
+  } else {
     printf("%s is no longer watched; its jobs are forgotten.\n", printable(folder).c_str());
+  }
   return kExitOk;
 }
 
@@ -620,20 +622,22 @@ int Commands::folderList() {
     return kExitOk;
   }
   std::vector<std::vector<std::string>> table = {{"PROFILES", "STATE", "FOLDER"}};
-  for (const auto& row : status["folders"])
+  for (const auto& row : status["folders"]) {
     table.push_back(
         {profileText(static_cast<uint64_t>(std::max<int64_t>(integer(row, "target"), 0))),
          watchText(row), printable(string(row, "path"))});
+  }
   printf("%s", table.size() == 1 ? "No folders.\n" : tableText(table).c_str());
   const std::string scanning = string(status, "scanning");
   if (!scanning.empty()) printf("Scanning %s.\n", printable(scanning).c_str());
   if (integer(status, "queuedScans") > 0)
     printf("%ld scans wait.\n", static_cast<long>(integer(status, "queuedScans")));
-  if (integer(status, "lostEvents") > 0)
+  if (integer(status, "lostEvents") > 0) {
     printf("Events were lost %ld times, last %s; %s.\n",
            static_cast<long>(integer(status, "lostEvents")),
            timeText(integer(status, "lastLost")).c_str(),
            status.value("needsScan", false) ? "a scan will repair it" : "a scan has repaired it");
+  }
   return kExitOk;
 }
 
@@ -644,10 +648,11 @@ int Commands::scan(bool stop) {
 
 int Commands::config() {
   const std::string text = m_client.read(Request(KX_CMD_GET_SVR_CONF));
-  if (m_json)
+  if (m_json) {
     print({{"text", text}});
-  else
+  } else {
     printf("%s", text.c_str());
+  }
   return kExitOk;
 }
 

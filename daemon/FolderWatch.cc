@@ -108,9 +108,10 @@ void checkWatchable(const std::string& path) {
   if (!isValidPath(path)) throw RequestError("the service's own folders cannot be watched");
   const NasVol* volumes = NasVol::getInstance();
   if (volumes == nullptr) return;
-  for (const std::string& name : {path, resolved(path)})
+  for (const std::string& name : {path, resolved(path)}) {
     if (!volumes->isIndexable(name))
       throw RequestError(path + " does not lie on a volume that can be watched");
+  }
 }
 
 Answer watchStatus(const KxSockData_s& request) {

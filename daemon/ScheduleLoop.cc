@@ -227,10 +227,11 @@ void ScheduleLoop::startJobs() {
     isDiskChecked = true;
     const WatchedJobs::Verdict verdict = m_watched.judge(*job, unitJobs());
     if (verdict == WatchedJobs::Verdict::Renewed) continue;
-    if (verdict == WatchedJobs::Verdict::Wait || !startJob(*job, room))
+    if (verdict == WatchedJobs::Verdict::Wait || !startJob(*job, room)) {
       rows.skip();
-    else
+    } else {
       --slots;
+    }
   }
 }
 

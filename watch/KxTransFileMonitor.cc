@@ -209,9 +209,10 @@ void KxTransFileMonitor::rescanAround(const std::string& path) {
     outer.setFilePath(path);
     scanner()->addFolder(outer);
   }
-  for (const KxTransFileSetting& setting : m_config.getFolderSettings())
+  for (const KxTransFileSetting& setting : m_config.getFolderSettings()) {
     if (FolderLookup::isWithin(FolderLookup::normalised(setting.getFilePath()), path))
       scanner()->addFolder(setting);
+  }
 }
 
 KxWatchStatus KxTransFileMonitor::getWatchStatus() {

@@ -20,14 +20,17 @@ struct Picture {
   std::string rgb;
 
   uint8_t at(int x, int y, int channel) const {
-    return static_cast<uint8_t>(rgb[static_cast<size_t>((y * kWidth + x) * 3 + channel)]);
+    return static_cast<uint8_t>(
+        rgb.at((static_cast<size_t>(y) * kWidth + static_cast<size_t>(x)) * 3 +
+               static_cast<size_t>(channel)));
   }
   // Points that are clearly not black.
   int lit() const {
     int count = 0;
-    for (int y = 0; y < kHeight; ++y)
+    for (int y = 0; y < kHeight; ++y) {
       for (int x = 0; x < kWidth; ++x)
         if (std::max({at(x, y, 0), at(x, y, 1), at(x, y, 2)}) > 80) ++count;
+    }
     return count;
   }
   double mean(int channel) const {
@@ -54,7 +57,7 @@ class Subtitles : public testing::Test {
     return {run({"ffmpeg", "-v", "error", "-ss", second, "-i",
                  world.media("@Transcode/film.mp4.mobile240p.mp4"), "-frames:v", "1", "-f",
                  "rawvideo", "-pix_fmt", "rgb24", "-s", "360x240", "-"})
-                .value_or(std::string(kWidth * kHeight * 3, '\0'))};
+                .value_or(std::string(size_t{kWidth} * kHeight * 3, '\0'))};
   }
   // The picture in the middle of the subtitle.
   Picture drawn(const std::function<void(KxDBTaskParam&)>& change = {}) {

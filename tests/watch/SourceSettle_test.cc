@@ -145,7 +145,7 @@ TEST_F(SettleTest, JobsOfClientsAreNotHeldBack) {
 TEST_F(SettleTest, RowsOfEarlierStatesOfASourceBecomeOne) {
   WatchedJobs watched(1s);
   std::vector<KxDBTaskParam> queued;
-  for (const size_t bytes : {10, 20, 30}) queued.push_back(queue(video("a.mp4", bytes), 1));
+  for (const size_t bytes : {10U, 20U, 30U}) queued.push_back(queue(video("a.mp4", bytes), 1));
   queued.push_back(queue(video("a.mp4", 40), 2));
   ASSERT_EQ(rows().size(), 4U);
   ASSERT_TRUE(waitUntil([&] { return judge(watched, queued[0]) != Verdict::Wait; }));

@@ -230,7 +230,7 @@ TEST_F(WatchSystem, ACopyThatKeepsTimesIsKnownToTheNextScan) {
   ASSERT_TRUE(ctl({"scan"}));
   ASSERT_TRUE(waitUntil([this] {
     const json now = status();
-    return now.at("queuedScans") == 0 && now.at("scanning") == "";
+    return now.at("queuedScans") == 0 && now.at("scanning").get<std::string>().empty();
   }));
   EXPECT_EQ(count("in/a.mp4"), 1);
 }

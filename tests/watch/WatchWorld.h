@@ -14,9 +14,11 @@
 // Folder watching without a daemon: a private root, an empty job store and a media folder.
 // Nothing is started.
 class WatchWorld : public testing::Test {
+ public:
+  ~WatchWorld() override;
+
  protected:
   WatchWorld();
-  ~WatchWorld() override;
 
   // Absolute path of an entry of the media folder.
   std::string media(const std::string& name) const { return m_media / name; }
