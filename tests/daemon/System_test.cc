@@ -380,7 +380,7 @@ TEST(Daemon, MalformedRequestsGetAnErrorAndTouchNothing) {
     std::string text;
   };
   std::vector<Case> cases = {{0, 0, ""},          {1, 0, ""},
-                             {36, 0, ""},         {-1, 0, ""},
+                             {37, 0, ""},         {-1, 0, ""},
                              {INT32_MAX, 0, ""},  {INT32_MIN, 0, ""},
                              {8, 0, ""},          {8, 101, ""},
                              {8, INT32_MIN, ""},  {10, 0, ""},
