@@ -178,6 +178,7 @@ ChildProcess ChildProcess::adopt(pid_t pid) {
   ChildProcess child;
   if (pid < 1) return child;
   child.m_pid = pid;
+  child.m_ownGroup = getpgid(pid) == pid;
   child.openPidFd();
   return child;
 }
@@ -302,6 +303,11 @@ int ChildProcess::wait() {
 int ChildProcess::terminate(milliseconds grace) {
   if (!valid() || m_status) return m_status.value_or(kLostStatus);
   signal(SIGTERM);
+  return killAfter(grace);
+}
+
+int ChildProcess::killAfter(milliseconds grace) {
+  if (!valid() || m_status) return m_status.value_or(kLostStatus);
   waitForEnd(grace);
   // Also when it ended in time: what it started may have outlived it in its group.
   if (m_ownGroup || !poll()) signal(SIGKILL);

@@ -32,7 +32,7 @@ class ChildProcess {
 
   ChildProcess() = default;
   // Takes over a child that was started elsewhere (miscLaunchCmdNoWait). A pid below 1 gives
-  // an object without a child.
+  // an object without a child. A child that leads a process group is signalled with all of it.
   static ChildProcess adopt(pid_t pid);
   // Starts a program: own process group, standard input from /dev/null, default signals,
   // parent-death signal SIGTERM, every other descriptor closed. pid() is -1 on failure, also
@@ -56,11 +56,13 @@ class ChildProcess {
   // Waits at most this long; negative: without limit. Nothing when the child still runs.
   std::optional<int> waitFor(std::chrono::milliseconds limit);
   int wait();
-  // SIGTERM, then SIGKILL after the grace time; returns the wait status. A spawned child takes
-  // its whole process group with it.
+  // SIGTERM, then SIGKILL after the grace time; returns the wait status. A child that leads a
+  // process group takes all of it with it.
   int terminate(std::chrono::milliseconds grace);
-  // Sends a signal to a child that has not been reaped, and to its process group when it was
-  // spawned. False when there is none.
+  // The second half of terminate(), for a caller that has sent a signal itself.
+  int killAfter(std::chrono::milliseconds grace);
+  // Sends a signal to a child that has not been reaped, and to the process group that it leads.
+  // False when there is none.
   bool signal(int number);
 
  private:

@@ -224,6 +224,7 @@ void redirectStandardError(const char* logFile) {
 }
 
 [[noreturn]] void becomeProgram(char* const* argv, const char* logFile, pid_t parent) {
+  setpgid(0, 0);
   dieWithParent(parent);
   childsetup::resetSignals();
   if (*logFile != '\0') redirectStandardError(logFile);
@@ -262,6 +263,8 @@ int miscLaunchCmdNoWait(std::vector<std::string> cmd, std::string logFile) {
   const childsetup::AllSignalsBlocked blocked;
   const pid_t pid = fork();
   if (pid == 0) launch::becomeProgram(argv->data(), logFile.c_str(), parent);
+  // Also here, so that the group exists when this returns.
+  if (pid > 0) setpgid(pid, pid);
   if (pid < 0) KX_LOG("fork fail\n");
   return pid;
 }

@@ -55,8 +55,9 @@ int miscRWLockUnLock(pthread_rwlock_t& lock);
 /// @}
 
 /// Starts a program, searched on the PATH, and does not wait for it. The child gets SIGTERM
-/// when the calling thread ends; standard error goes to the log file, everything else is
-/// inherited. The caller reaps the child (ChildProcess::adopt() in this library).
+/// when the calling thread ends and leads a process group of its own, so that a signal to this
+/// process's group (Ctrl-C) does not reach it; standard error goes to the log file, everything
+/// else is inherited. The caller reaps the child (ChildProcess::adopt() in this library).
 /// @param cmd program and arguments; empty fails
 /// @param logFile receives the child's standard error, replacing an older file of that name;
 ///        empty: standard error is inherited

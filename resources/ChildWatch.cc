@@ -97,9 +97,7 @@ void endChild(ChildProcess& child) {
     KX_RUNNER_LOG("send signal SIGTERM to pid(%d) fail, errno=%d, strerror=%s\n", child.pid(),
                   errno, strerror(errno));
   }
-  if (child.waitFor(kGrace)) return;
-  child.signal(SIGKILL);
-  child.wait();
+  child.killAfter(kGrace);
 }
 
 ChildEnd endOf(int status) {

@@ -342,6 +342,33 @@ TEST(Daemon, SigtermEndsItInGoodOrder) {
   EXPECT_EQ(rows[0].dateStart, 0);
 }
 
+TEST(Daemon, CtrlCLeavesTheJobsWaitingAndTheNextStartRunsThem) {
+  const DaemonRoot root;
+  root.slowEncoder();
+  makeClip(root.media("a.mp4"), 160, 120, 30);
+  makeClip(root.media("b.mp4"), 160, 120, 4);
+  int64_t id = -1;
+  {
+    DaemonRun daemon(root);
+    for (const char* name : {"a.mp4", "b.mp4"}) id = daemon.add(root.media(name));
+    const pid_t encoder = daemon.waitForEncoder();
+    ASSERT_GT(encoder, 0);
+    EXPECT_EQ(getpgid(encoder), encoder) << "out of reach of the terminal";
+    ASSERT_EQ(getpgid(daemon.pid()), daemon.pid());
+    const int status = daemon.end(SIGINT);  // as a terminal does: to the whole group
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_FALSE(processRuns(encoder));
+  }
+  EXPECT_EQ(root.leftovers(), std::vector<std::string>{});
+  for (const KxDBTaskParam& row : rowsOnDisk(root)) {
+    EXPECT_EQ(row.status, JOB_WAITING) << row.src;
+    EXPECT_EQ(row.dateStart, 0);
+  }
+  const DaemonRun again(root);
+  ASSERT_TRUE(waitForEnd(again, id));
+  EXPECT_EQ(again.status(id), JOB_DONE);
+}
+
 TEST(Daemon, SigtermDuringAPauseLeavesTheJobWaiting) {
   const DaemonRoot root;
   root.slowEncoder();

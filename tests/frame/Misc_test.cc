@@ -321,6 +321,22 @@ TEST(LaunchedCommand, DiesWithTheThreadThatStartedItEvenWhereThatBlocksTheSignal
   EXPECT_EQ(WTERMSIG(*status), SIGTERM);
 }
 
+TEST(LaunchedCommand, LeadsAProcessGroupThatIsStoppedAsAWhole) {
+  const TempDir dir;
+  const std::string note = dir / "grandchild";
+  const int pid = miscLaunchCmdNoWait(
+      {"sh", "-c", "trap '' TERM; sleep 60 & echo $! > '" + note + "'; wait"}, "");
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(getpgid(pid), pid);
+  ASSERT_TRUE(kxtest::waitUntil([&] { return readFile(note).ends_with("\n"); }));
+  const pid_t grandchild = atoi(readFile(note).c_str());
+  ChildProcess::adopt(pid).terminate(100ms);
+  EXPECT_TRUE(kxtest::waitUntil([&] {
+    const std::string status = readFile("/proc/" + int_to_str(grandchild) + "/status");
+    return status.empty() || status.find("State:\tZ") != std::string::npos;
+  }));
+}
+
 TEST(WaitStatus, YieldsTheExitCodeOrTheSignalNumber) {
   RecordingLog log;
   EXPECT_EQ(miscAnalysisRet(3 << 8), 3);
