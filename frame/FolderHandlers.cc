@@ -24,10 +24,11 @@ int KxAbsTranscodeSvr::getSvrConf(int fd, KxSockData_s&) {
   const int count = monitor->getFolderSize();
   for (int index = 0; index < count; ++index) {
     KxTransFileSetting setting;
-    if (monitor->getFolder(static_cast<unsigned int>(index), setting) == 0)
+    if (monitor->getFolder(static_cast<unsigned int>(index), setting) == 0) {
       text += setting.outputTransFileSetting();
-    else
+    } else {
       KX_LOG("index=%d, getFolder error\n", index);
+    }
   }
   return sendBytes(text.data(), text.size(), fd, __func__);
 }

@@ -14,7 +14,7 @@ template <typename Operation>
 auto withStore(Operation operation) {
   KxTransDBMgr* store = KxTransDBMgr::getInstance();
   store->mutexLock();
-  const auto result = operation();
+  auto result = operation();
   store->mutexUnLock();
   return result;
 }

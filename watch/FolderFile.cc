@@ -43,9 +43,10 @@ void removeLeftovers(const std::string& path) {
   std::error_code ignored;
   for (const auto& entry : std::filesystem::directory_iterator(file.parent_path(), ignored)) {
     const std::string name = entry.path().filename();
-    for (const std::string& prefix : names)
+    for (const std::string& prefix : names) {
       if (name.size() == prefix.size() + kRandom && name.compare(0, prefix.size(), prefix) == 0)
         unlink(entry.path().c_str());
+    }
   }
 }
 

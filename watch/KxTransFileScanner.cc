@@ -106,7 +106,7 @@ class Scan {
 
 KxTransFileScanTask::KxTransFileScanTask(int type) : m_type(type) {}
 KxTransFileScanTask::KxTransFileScanTask(int type, KxTransFileSetting setting)
-    : m_setting(std::move(setting)), m_type(type) {}
+    : m_setting(setting), m_type(type) {}
 KxTransFileScanTask::~KxTransFileScanTask() = default;
 
 int KxTransFileScanQueue::init() {
@@ -263,21 +263,23 @@ void KxTransFileScanner::runImpl() {
     }
     if (!checkStatus()) break;
     const std::unique_ptr<KxTransFileScanTask> task(m_queue.pop());
-    if (task == nullptr)
+    if (task == nullptr) {
       KX_LOG("pop failed\n");
-    else
+    } else {
       runTask(*task);
+    }
   }
   KX_LOG("thread offline\n");
 }
 
 void KxTransFileScanner::runTask(const KxTransFileScanTask& task) {
   if (task.m_type == SCAN_ALL) return scanAll();
-  if (task.m_type == SCAN_UPDATED)
+  if (task.m_type == SCAN_UPDATED) {
     withStore([&] {
       return KxTransDBMgr::getInstance()->resetModifiedTime(
           KxDBMgrFileParam("", convertFolderPath(task.m_setting.getFilePath()), 0, 0));
     });
+  }
   scanFolder(task.m_setting, [this] { return !checkStatus(); });
 }
 
@@ -290,10 +292,11 @@ void KxTransFileScanner::scanAll() {
   const auto count = static_cast<unsigned int>(m_config->size());
   for (unsigned int i = 0; i < count; ++i) {
     KxTransFileSetting setting;
-    if (m_config->getFolderSetting(i, setting) == 0)
+    if (m_config->getFolderSetting(i, setting) == 0) {
       settings.push_back(setting);
-    else
+    } else {
       KX_LOG_AS("runImpl", "can't get file setting\n");
+    }
   }
   for (const KxTransFileSetting& listed : settings) {
     KxTransFileSetting setting;

@@ -252,13 +252,15 @@ void KxTransNotifyAgent::watchRoot(const KxTransFileSetting& setting) {
   const bool exists = stat(path.c_str(), &info) == 0;
   int error = exists ? watchTreeLocked(path) : errno;
   WatchHealth::instance().set(path, stateAfter(error), error);
-  if (error == 0 || error == ENOSPC)
+  if (error == 0 || error == ENOSPC) {
     m_roots[path] = {info.st_dev, info.st_ino};
-  else
+  } else {
     m_roots.erase(path);
-  if (error != 0)
+  }
+  if (error != 0) {
     KX_LOG_LEVEL(3, "[notify] %s is not watched completely, errno=%d, strerror=%s\n", path.c_str(),
                  error, strerror(error));
+  }
 }
 
 int KxTransNotifyAgent::addFolder(KxTransFileSetting setting) {
@@ -311,9 +313,10 @@ void KxTransNotifyAgent::unwatchFolder(const std::string& path) {
     if (m_config->getFolderSetting(folder, outer, false) == 0) return;
     m_notify->x_inotifytools_remove_watch_by_filename(folder.c_str());
   }
-  for (const KxTransFileSetting& other : m_config->getFolderSettings())
+  for (const KxTransFileSetting& other : m_config->getFolderSettings()) {
     if (FolderLookup::isWithin(FolderLookup::normalised(other.getFilePath()), folder))
       watchRoot(other);
+  }
 }
 
 void KxTransNotifyAgent::completeWatches() {
@@ -345,12 +348,13 @@ void KxTransNotifyAgent::work() {
   while (checkStatus()) {
     // Deleted folders come in trees: one restart follows when they are all dealt with.
     inotify_event* event = m_notify->x_inotifytools_next_event(m_restartAsked ? 0 : kEventWait);
-    if (event != nullptr)
+    if (event != nullptr) {
       handleEvent(event);
-    else if (m_restartAsked)
+    } else if (m_restartAsked) {
       restartSoon();
-    else
+    } else {
       m_nextCheck = 0;
+    }
     if (monotonicSeconds() >= m_nextCheck && checkStatus()) checkRoots();
   }
 }

@@ -25,9 +25,10 @@ class FolderConfig : public testing::Test {
   static std::vector<std::string> entriesOf(KxTransFileConfig& config) {
     std::vector<std::string> entries;
     KxTransFileSetting setting;
-    for (unsigned int i = 0; config.getFolderSetting(i, setting) == 0; ++i)
+    for (unsigned int i = 0; config.getFolderSetting(i, setting) == 0; ++i) {
       entries.push_back(setting.getFilePath() + ":" + setting.getTarget() + ":" +
                         setting.getOptions());
+    }
     EXPECT_EQ(entries.size(), static_cast<size_t>(config.size()));
     return entries;
   }
@@ -157,8 +158,8 @@ TEST_F(FolderConfig, NamesOfAnyBytesSurviveTheFile) {
       "/s/a\nb", "/s/\"q\" 'r' <&>", "/s/100%_x", "/s/\xff\xfe", "/s/" + std::string(255, 'n'),
       "/s/ü"};
   for (const std::string& name : names) ASSERT_EQ(m_config.addFolder({name, "4"}), 0);
-  std::vector<std::string> wanted;
-  for (const std::string& name : names) wanted.push_back(name + ":4:");
+  std::vector<std::string> wanted = names;
+  for (std::string& entry : wanted) entry += ":4:";
   EXPECT_THAT(stored(), testing::UnorderedElementsAreArray(wanted));
 }
 

@@ -261,10 +261,10 @@ TEST_F(NotifyAgent, NamesOfAnyBytesAreWatched) {
   std::vector<std::string> wanted;
   for (const std::string& name : names) {
     const std::string sub = "a/" + name.substr(0, name.size() - 4);
-    video(sub + "/" + name);
-    video("a/" + name);
-    wanted.push_back(sub + "/" + name + ":4");
-    wanted.push_back("a/" + name + ":4");
+    video(std::string(sub).append("/").append(name));
+    video(std::string("a/").append(name));
+    wanted.push_back(std::string(sub).append("/").append(name).append(":4"));
+    wanted.push_back(std::string("a/").append(name).append(":4"));
   }
   EXPECT_TRUE(settles(wanted));
   for (const std::string& name : names) {
@@ -378,9 +378,10 @@ TEST_F(NotifyAgent, TheEventQueueOverflowingIsShownAndRepaired) {
     const StoreGuard lock;
     video("a/trigger.mp4");
     const UniqueFd dir(open(media("b").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    for (long i = 0; i <= limit + 2000; ++i)
+    for (long i = 0; i <= limit + 2000; ++i) {
       UniqueFd(openat(dir.get(), (i & 1) != 0 ? "p" : "q", O_WRONLY | O_CREAT | O_CLOEXEC, 0644))
           .reset();
+    }
     video("a/lost.mp4");
     video("b/lostdir/lost.mp4");
     fs::remove(media("a/before.mp4"));

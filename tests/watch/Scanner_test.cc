@@ -18,7 +18,7 @@ using testing::UnorderedElementsAre;
 namespace {
 
 class Scanner : public WatchWorld {
- protected:
+ public:
   Scanner() {
     EXPECT_EQ(m_config.init(paths()), 0);
     EXPECT_EQ(scanner->init(&m_config), 0);
@@ -28,6 +28,7 @@ class Scanner : public WatchWorld {
     scanner->uninit();
   }
 
+ protected:
   int scan(const std::string& path, const std::string& target = "4") {
     return scanner->scanFolder(KxTransFileSetting(path, target));
   }

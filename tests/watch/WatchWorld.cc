@@ -55,8 +55,10 @@ std::vector<KxDBTaskParam> WatchWorld::rows() const {
 }
 
 std::vector<std::string> WatchWorld::jobs() const {
+  const std::vector<KxDBTaskParam> all = rows();
   std::vector<std::string> texts;
-  for (const KxDBTaskParam& row : rows())
+  texts.reserve(all.size());
+  for (const KxDBTaskParam& row : all)
     texts.push_back(below(row.src) + ":" + std::to_string(row.jobFlag));
   return texts;
 }
@@ -64,7 +66,7 @@ std::vector<std::string> WatchWorld::jobs() const {
 std::vector<std::string> WatchWorld::records() const {
   std::vector<std::string> texts;
   const StoreGuard lock;
-  for (const std::string& folder : store->getDBFolders("/"))
+  for (const std::string& folder : store->getDBFolders("/")) {
     for (const KxDBMgrFileParam& file : store->getDBFiles(folder)) {
       struct stat info {};
       const bool isNow =
@@ -72,23 +74,24 @@ std::vector<std::string> WatchWorld::records() const {
       texts.push_back(below(folder + file.filename) + ":" +
                       (isNow ? "now" : std::to_string(file.modifiedTime)));
     }
+  }
   std::sort(texts.begin(), texts.end());
   return texts;
 }
 
 bool WatchWorld::settles(std::vector<std::string> wanted) const {
-  std::vector<std::string> records_;
-  for (const std::string& job : wanted) records_.push_back(job.substr(0, job.rfind(':')) + ":now");
+  std::vector<std::string> recorded = wanted;
+  for (std::string& job : recorded) job.replace(job.rfind(':'), std::string::npos, ":now");
   std::sort(wanted.begin(), wanted.end());
-  std::sort(records_.begin(), records_.end());
+  std::sort(recorded.begin(), recorded.end());
   const auto isSettled = [&] {
     std::vector<std::string> found = jobs();
     std::sort(found.begin(), found.end());
-    return found == wanted && records() == records_;
+    return found == wanted && records() == recorded;
   };
   if (kxtest::waitUntil(isSettled)) return true;
   EXPECT_THAT(jobs(), testing::UnorderedElementsAreArray(wanted));
-  EXPECT_THAT(records(), testing::ElementsAreArray(records_));
+  EXPECT_THAT(records(), testing::ElementsAreArray(recorded));
   return false;
 }
 
