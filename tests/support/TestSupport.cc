@@ -94,7 +94,7 @@ PrivateRoot::~PrivateRoot() {
 }
 
 std::string PrivateRoot::file(const std::string& fixedPath) const {
-  const std::string path = m_dir.path().string() + fixedPath;
+  std::string path = m_dir.path().string() + fixedPath;
   fs::create_directories(fs::path(path).parent_path());
   return path;
 }

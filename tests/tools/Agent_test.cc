@@ -57,7 +57,7 @@ class TranscodeAgent : public testing::Test {
     ASSERT_TRUE(m_root.staged());
     setenv("KX_AGENT_ENCODER", "libx264", 1);
   }
-  ~TranscodeAgent() override { unsetenv("KX_AGENT_ENCODER"); }
+  void TearDown() override { unsetenv("KX_AGENT_ENCODER"); }
 
   std::string agent() const { return m_root.program("transcode_agent"); }
   // Runs the agent with its standard error in a log, as the service does.
@@ -98,13 +98,14 @@ TEST(AgentWords, TurnEveryOptionIntoThoseOfTheEncoder) {
                                 "-mode",    "3",
                                 "-fs",      "/w/fs"},
                                kStandIn);
-  for (const char* part :
-       {"-ss 7 -noautorotate -i /v/in.mkv", "-r 25/1", "-b:v 900k", "-profile:v high", "-map 0:V:1",
-        "-map 0:a:2?", "-c:a aac", "-ac 2", "-b:a 128000", "-c:v libx264",
-        "-f mp4 -movflags +faststart /v/out.mp4",
-        "-vf scale=640:360,setpts=PTS+(4)/TB,subtitles=filename=/v/a.srt:force_style=Fontsize=30"
-        "\\,PrimaryColour=&H0000ff&,setpts=PTS-(4)/TB,format=yuv420p"})
+  const std::string filters =
+      "-vf scale=640:360,setpts=PTS+(4)/TB,subtitles=filename=/v/a.srt:force_style=Fontsize=30"
+      "\\,PrimaryColour=&H0000ff&,setpts=PTS-(4)/TB,format=yuv420p";
+  for (const char* part : {"-ss 7 -noautorotate -i /v/in.mkv", "-r 25/1", "-b:v 900k",
+                           "-profile:v high", "-map 0:V:1", "-map 0:a:2?", "-c:a aac", "-ac 2",
+                           "-b:a 128000", "-c:v libx264", "-f mp4 -movflags +faststart /v/out.mp4"})
     EXPECT_TRUE(contains(words, part)) << part << " in " << joined(words);
+  EXPECT_TRUE(contains(words, filters)) << joined(words);
 }
 
 TEST(AgentWords, DrawATrackOfTheInputAsSubtitle) {
