@@ -557,10 +557,21 @@ int Commands::dump(const std::string& what) {
 
 int Commands::importLegacy(const std::string& file) {
   const Answer answer = m_client.demand(Request(KX_CMD_IMPORT_LEGACY).text(1, sourcePath(file)));
+  const nlohmann::json details = answer.json();
+  const int64_t known = integer(details, "known", 0);
+  const int64_t skipped = integer(details, "skipped", 0);
   if (m_json) {
-    print({{"ok", true}, {"imported", answer.number(2)}});
-  } else {
-    printf("%d jobs imported.\n", answer.number(2));
+    print({{"ok", true}, {"imported", answer.number(2)}, {"known", known}, {"skipped", skipped}});
+    return kExitOk;
+  }
+  printf("%d jobs imported.\n", answer.number(2));
+  if (known > 0) {
+    printf("%lld of them are for files that the queue had already; see \"xcodectl list\".\n",
+           static_cast<long long>(known));
+  }
+  if (skipped > 0) {
+    printf("%lld could not be taken over; the service's log names them.\n",
+           static_cast<long long>(skipped));
   }
   return kExitOk;
 }

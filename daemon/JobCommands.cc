@@ -184,6 +184,13 @@ nlohmann::json outputsOf(const KxDBTaskParam& job) {
   return outputs;
 }
 
+// One number out of the job store; 0 when it cannot be read, which is logged.
+long long storeNumber(const std::string& what) {
+  long long number = 0;
+  store()->selectOneInt("SELECT " + what + ";", number);
+  return number;
+}
+
 bool hasEnded(int status) {
   return status != JOB_WAITING && status != JOB_RUNNING;
 }
@@ -423,15 +430,19 @@ Answer JobCommands::importLegacy(int, const KxSockData_s& request) {
   struct stat info {};
   if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
     throw RequestError("the older database is not a readable file");
-  const std::string countRows = "SELECT COUNT(*) AS res FROM JobTable;";
-  long long before = 0;
-  long long after = 0;
+  size_t skipped = 0;
   StoreLock lock;
-  store()->selectOneInt(countRows, before);
-  if (store()->import_43x_DB(path) != 0) throw RequestError("the older database cannot be read");
-  store()->selectOneInt(countRows, after);
-  Answer answer;
-  answer.value2 = int32(after - before);
+  const std::string last = std::to_string(storeNumber("IFNULL(MAX(Id), 0) AS res FROM JobTable"));
+  if (store()->import_43x_DB(path, skipped) != 0)
+    throw RequestError("the older database cannot be read");
+  const std::string imported = "COUNT(*) AS res FROM JobTable AS new WHERE new.Id > " + last;
+  const long long known =
+      storeNumber(imported +
+                  " AND EXISTS (SELECT 1 FROM JobTable AS old WHERE old.SrcPath = new.SrcPath "
+                  "AND old.Id <= " +
+                  last + ")");
+  Answer answer = Answer::object({{"known", known}, {"skipped", skipped}});
+  answer.value2 = int32(storeNumber(imported));
   return answer;
 }
 

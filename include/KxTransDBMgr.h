@@ -170,6 +170,9 @@ class KxTransDBMgr {
   /// taken over are logged and skipped; the rest is stored in one go.
   /// @return 0 when the old file was read and the jobs are stored, 1 otherwise.
   int import_43x_DB(std::string oldDbPath);
+  /// The same.
+  /// @param[out] skipped number of jobs that could not be taken over
+  int import_43x_DB(std::string oldDbPath, size_t& skipped);
 
  private:
   KxTransDBMgr();

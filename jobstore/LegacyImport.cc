@@ -58,6 +58,12 @@ int32_t currentStatus(int32_t legacy) {
 }  // namespace
 
 int KxTransDBMgr::import_43x_DB(std::string oldDbPath) {
+  size_t skipped = 0;
+  return import_43x_DB(std::move(oldDbPath), skipped);
+}
+
+int KxTransDBMgr::import_43x_DB(std::string oldDbPath, size_t& skipped) {
+  skipped = 0;
   const LogSite site = LogSite::here();
   if (!isImportable(oldDbPath, site)) return 1;
   const auto jobs = readLegacyJobs(oldDbPath, site);
@@ -67,6 +73,7 @@ int KxTransDBMgr::import_43x_DB(std::string oldDbPath) {
     Savepoint one(m_db);
     if (import_43xTask_(job) == 0) continue;
     one.rollBack();
+    ++skipped;
     KX_LOG("import oldId=%lld, name=%s fail\n", static_cast<long long>(job.id), job.src.c_str());
   }
   const auto error = all.release();

@@ -9,6 +9,7 @@
 #include "daemon/JobCommands.h"
 #include "daemon/LibraryLocks.h"
 #include "tests/daemon/Records.h"
+#include "tests/support/OtherConnection.h"
 #include "tests/support/TestSupport.h"
 
 using namespace xcoded;
@@ -345,4 +346,29 @@ TEST_F(JobCommandsTest, OnlyARegularFileIsImported) {
   auto request = kxtest::makeRequest(34);
   kxtest::putText(*request, 1, m_dir.path().string());
   EXPECT_THROW(m_jobs.importLegacy(-1, *request), RequestError);
+}
+
+TEST_F(JobCommandsTest, TheImportTellsWhatWasKnownAndWhatWasSkipped) {
+  const std::string old = m_dir / "old.db";
+  OtherConnection(old).run(
+      "CREATE TABLE TranscodeJob (Id INTEGER PRIMARY KEY, FileName TEXT, DateAdded INTEGER);"
+      "INSERT INTO TranscodeJob VALUES (1, '/c', 3), (2, '/bad', 2), (3, '/a', 1)");
+  {
+    StoreLock lock;
+    ASSERT_EQ(store().exec("CREATE TRIGGER t BEFORE INSERT ON JobTable WHEN NEW.SrcPath = '/bad' "
+                           "BEGIN SELECT RAISE(ABORT, 'refused'); END"),
+              0);
+  }
+  const std::string before = kxtest::readFile(old);
+  auto request = kxtest::makeRequest(34);
+  kxtest::putText(*request, 1, old);
+  const Answer first = m_jobs.importLegacy(-1, *request);
+  EXPECT_EQ(first.value2, 2);
+  EXPECT_EQ(json::parse(first.text), json({{"known", 0}, {"skipped", 1}}));
+  const Answer again = m_jobs.importLegacy(-1, *request);
+  EXPECT_EQ(again.value2, 2);
+  EXPECT_EQ(json::parse(again.text), json({{"known", 2}, {"skipped", 1}}));
+  EXPECT_EQ(rowCount(), 4);
+  EXPECT_EQ(row(order().front()).src, "/a");
+  EXPECT_EQ(kxtest::readFile(old), before);
 }
