@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "KxHostPlatform.h"
+#include "KxTranscodeUnit2.h"
 #include "Misc.h"
 #include "daemon/LibraryLocks.h"
 #include "frame/Log.h"
@@ -63,7 +64,8 @@ UniqueFd openFolder(int parent, const std::string& name, int extraFlags) {
   return UniqueFd(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | extraFlags));
 }
 
-std::vector<std::string> leftoversIn(int folder) {
+// Names that begin with a prefix and go on as those of a dead process do.
+std::vector<std::string> leftoversIn(int folder, const std::string& prefix = "") {
   std::vector<std::string> names;
   // The stream closes its descriptor.
   UniqueFd copy(fcntl(folder, F_DUPFD_CLOEXEC, 0));
@@ -71,8 +73,10 @@ std::vector<std::string> leftoversIn(int folder) {
   const std::unique_ptr<DIR, CloseDir> stream(fdopendir(copy.get()));
   if (!stream) return names;
   copy.release();
-  while (const dirent* entry = readdir(stream.get()))
-    if (isLeftover(entry->d_name)) names.emplace_back(entry->d_name);
+  while (const dirent* entry = readdir(stream.get())) {
+    const std::string name = entry->d_name;
+    if (name.starts_with(prefix) && isLeftover(name.substr(prefix.size()))) names.push_back(name);
+  }
   return names;
 }
 
@@ -86,6 +90,24 @@ void cleanTempBeside(const std::string& sourceFolder) {
     KX_LOG_LEVEL(4, "remove leftover %s of %s\n", name.c_str(), sourceFolder.c_str());
     if (unlinkat(temp.get(), name.c_str(), 0) != 0)
       KX_LOG_ERRNO("remove leftover %s fail", name.c_str());
+  }
+}
+
+// The pages of a document are rendered with a scratch folder beside their own folder.
+void cleanScratchOf(const KxDBTaskParam& job) {
+  static const std::string kAlbum = ".album/";
+  for (const KxJobOutput& output : kxJobOutputs(job)) {
+    if (!output.path.ends_with(kAlbum)) continue;
+    const std::string base = output.path.substr(0, output.path.size() - kAlbum.size());
+    const std::string parent = base.substr(0, base.rfind('/') + 1);
+    const UniqueFd folder = openFolder(AT_FDCWD, parent, 0);
+    if (!folder) continue;
+    for (const std::string& name :
+         leftoversIn(folder.get(), base.substr(parent.size()) + ".gstmp.")) {
+      KX_LOG_LEVEL(4, "remove leftover %s%s\n", parent.c_str(), name.c_str());
+      if (myremove((parent + name).c_str()) != 0)
+        KX_LOG_LEVEL(3, "remove leftover %s%s fail\n", parent.c_str(), name.c_str());
+    }
   }
 }
 
@@ -149,6 +171,7 @@ void recoverFromCrash() {
     for (const KxDBTask& row : rows) {
       const std::string folder = row.param.src.substr(0, row.param.src.rfind('/') + 1);
       if (cleaned.insert(folder).second) cleanTempBeside(folder);
+      cleanScratchOf(row.param);
     }
     putBack(rows);
   }

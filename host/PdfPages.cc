@@ -17,9 +17,30 @@ struct DocumentCloser {
 };
 using Document = std::unique_ptr<std::remove_pointer_t<qpdf_data>, DocumentCloser>;
 
-std::string errorText(qpdf_data document) {
-  if (qpdf_has_error(document) == QPDF_FALSE) return "unknown error";
-  return qpdf_get_error_full_text(document, qpdf_get_error(document));
+// What keeps a document from being read.
+struct Fault {
+  int result = 0;
+  std::string text = "unknown error";
+};
+
+int resultOf(qpdf_error_code_e code) {
+  switch (code) {
+  case qpdf_e_password:
+    return KX_PDF_ENCRYPTED;
+  case qpdf_e_damaged_pdf:
+  case qpdf_e_pages:
+  case qpdf_e_object:
+    return KX_PDF_DAMAGED;
+  default:
+    return 0;
+  }
+}
+
+Fault faultOf(qpdf_data document) {
+  if (qpdf_has_error(document) == QPDF_FALSE) return {};
+  const qpdf_error error = qpdf_get_error(document);
+  return {resultOf(qpdf_get_error_code(document, error)),
+          qpdf_get_error_full_text(document, error)};
 }
 
 }  // namespace
@@ -31,6 +52,7 @@ int kxPdfGetPageNumber(std::string path) {
   const bool isRead = (qpdf_read(document.get(), path.c_str(), nullptr) & QPDF_ERRORS) == 0;
   const int pages = isRead ? qpdf_get_num_pages(document.get()) : -1;
   if (pages >= 0) return pages;
-  KX_LOG("can not count the pages of %s: %s\n", path.c_str(), errorText(document.get()).c_str());
-  return 0;
+  const Fault fault = faultOf(document.get());
+  KX_LOG("can not count the pages of %s: %s\n", path.c_str(), fault.text.c_str());
+  return fault.result;
 }

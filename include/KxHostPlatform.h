@@ -225,5 +225,11 @@ class XMLNode {
   std::shared_ptr<Impl> m_impl;
 };
 
+/// Why the pages of a PDF cannot be counted.
+enum KxPdfFault_e {
+  KX_PDF_ENCRYPTED = -1,  ///< it needs a password to be opened
+  KX_PDF_DAMAGED = -2,    ///< no PDF, or damaged beyond repair
+};
 /// Number of pages of a PDF; the executable's definition replaces the library's stub.
+/// @return 0 when it has none or cannot be read, a KxPdfFault_e when that is the reason
 int kxPdfGetPageNumber(std::string path);

@@ -1,9 +1,8 @@
 #include "resources/ChildWatch.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <array>
@@ -16,7 +15,6 @@
 #include "KxHostPlatform.h"
 #include "KxResMgr2.h"
 #include "Misc.h"
-#include "frame/UniqueFd.h"
 #include "resources/RunnerLog.h"
 
 namespace runner {
@@ -31,7 +29,6 @@ constexpr milliseconds kGrace{700};
 // Progress is asked for at this interval, so never for a child that ends sooner.
 constexpr milliseconds kTick{1000};
 constexpr int kDefaultStallSeconds = 600;
-constexpr off_t kLogTail = 8192;
 
 // Tells whether anything moved since it was last asked.
 class ProgressWatch {
@@ -102,13 +99,8 @@ void endChild(ChildProcess& child) {
 
 ChildEnd endOf(int status) {
   const int result = miscAnalysisRet(status);
-  return {result == 0 ? ChildEnd::Kind::Success : ChildEnd::Kind::Failure, result};
-}
-
-// Lines that say nothing about what went wrong.
-bool isReport(const std::string& line) {
-  return line.empty() || line.starts_with("frame=") || line.starts_with("size=") ||
-         line == "Conversion failed!";
+  return {result == 0 ? ChildEnd::Kind::Success : ChildEnd::Kind::Failure, result,
+          WIFSIGNALED(status)};
 }
 
 }  // namespace
@@ -139,7 +131,7 @@ std::string ChildEnd::text() const {
   case Kind::Stopped:
     return "was stopped";
   default:
-    return "ended with " + std::to_string(result);
+    return (bySignal ? "was ended by signal " : "ended with ") + std::to_string(result);
   }
 }
 
@@ -158,32 +150,15 @@ ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points) {
     if (wake == Wake::ChildEnded) return endOf(child.wait());
     if (wake == Wake::RunEnds) {
       stopChild(child);
-      return {ChildEnd::Kind::Stopped, miscAnalysisRet(child.wait())};
+      return {ChildEnd::Kind::Stopped, miscAnalysisRet(child.wait()), false};
     }
     progress.look();
     if (!progress.isStalled(limit)) continue;
     KX_RUNNER_LOG_LEVEL(2, "pid %d made no progress for %d seconds, so we kill it\n", pid,
                         static_cast<int>(limit.count()));
     endChild(child);
-    return {ChildEnd::Kind::Stalled, miscAnalysisRet(child.wait())};
+    return {ChildEnd::Kind::Stalled, miscAnalysisRet(child.wait()), false};
   }
-}
-
-std::string lastLogLine(const std::string& logPath) {
-  const UniqueFd file(open(logPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct stat info;
-  if (!file || fstat(file.get(), &info) != 0) return "";
-  std::array<char, kLogTail> tail;
-  const ssize_t count =
-      pread(file.get(), tail.data(), tail.size(), std::max<off_t>(0, info.st_size - kLogTail));
-  std::string text(tail.data(), static_cast<size_t>(std::max<ssize_t>(count, 0)));
-  while (!text.empty()) {
-    const size_t end = text.find_last_of("\r\n");
-    const std::string line = end == std::string::npos ? text : text.substr(end + 1);
-    if (!isReport(line)) return oneLine(line);
-    text.resize(end == std::string::npos ? 0 : end);
-  }
-  return "";
 }
 
 }  // namespace runner

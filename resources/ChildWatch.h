@@ -14,10 +14,11 @@ namespace runner {
 struct ChildEnd {
   enum class Kind { Success, Failure, Stalled, Stopped };
   Kind kind = Kind::Failure;
-  int result = 0;  // exit code or signal number of a failure
+  int result = 0;         // exit code or signal number of a failure
+  bool bySignal = false;  // a failure that somebody else's signal was the cause of
 
   bool ok() const { return kind == Kind::Success; }
-  // For people, as "exit code or signal 1"; empty for a success.
+  // For people, as "ended with 1"; empty for a success.
   std::string text() const;
 };
 
@@ -51,8 +52,5 @@ std::chrono::seconds stallLimit();
 
 // Tells the child to end because the unit was stopped, and waits until it has.
 void stopChild(ChildProcess& child);
-
-// The last line of an encoder's log that is no progress report; empty when there is none.
-std::string lastLogLine(const std::string& logPath);
 
 }  // namespace runner

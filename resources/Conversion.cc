@@ -1,6 +1,7 @@
 #include "resources/Conversion.h"
 
 #include "KxHostPlatform.h"
+#include "resources/EncoderLog.h"
 
 namespace runner {
 
@@ -10,7 +11,7 @@ std::string runChild(JobRun& run, const ChildStep& step) {
   if (pid <= 0) return name + " could not be started";
   const ChildEnd end = followChild(run, pid, {step.percent, {step.log, step.output}});
   if (end.ok()) return "";
-  const std::string line = lastLogLine(step.log);
+  const std::string line = complaintOf(step.log);
   return name + " " + end.text() + (line.empty() ? "" : ": " + line);
 }
 

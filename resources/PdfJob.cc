@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,12 +11,15 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "KxHostPlatform.h"
 #include "KxResMgr2.h"
 #include "Misc.h"
+#include "frame/UniqueFd.h"
 #include "resources/ChildWatch.h"
 #include "resources/Conversion.h"
+#include "resources/EncoderLog.h"
 #include "resources/MediaCatalog.h"
 #include "resources/ResourceUse.h"
 #include "resources/RunnerLog.h"
@@ -38,6 +42,31 @@ std::string scratchBeside(const std::string& pagePath) {
   miscGenUniqueFileName(unique);
   const std::string album = ".album/";
   return pagePath.substr(0, pagePath.size() - album.size()) + ".gstmp." + unique;
+}
+
+const char* faultOfCount(int pages) {
+  switch (pages) {
+  case KX_PDF_ENCRYPTED:
+    return "the PDF is encrypted and cannot be opened without its password";
+  case KX_PDF_DAMAGED:
+    return "the file is no PDF or is damaged beyond repair";
+  default:
+    return "the PDF has no pages that can be counted";
+  }
+}
+
+// True when a picture was written to its end.
+bool isWholeJpeg(const OutputFolder& folder, const std::string& name) {
+  const UniqueFd file(
+      openat(folder.fd(), name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat info;
+  if (!file || fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+  std::array<char, 2> first = {};
+  std::array<char, 2> last = {};
+  return info.st_size >= 4 && pread(file.get(), first.data(), first.size(), 0) == 2 &&
+         pread(file.get(), last.data(), last.size(), info.st_size - 2) == 2 &&
+         std::string_view(first.data(), first.size()) == "\xff\xd8" &&
+         std::string_view(last.data(), last.size()) == "\xff\xd9";
 }
 
 }  // namespace
@@ -76,7 +105,7 @@ bool PdfJob::countPages() {
   KX_RUNNER_LOG("%s%s total pages: %d\n", source.folder.c_str(), source.name.c_str(), m_pageCount);
   if (m_pageCount > 0) return true;
   KX_RUNNER_LOG("%s%s total pages <= 0\n", source.folder.c_str(), source.name.c_str());
-  return m_run.fail("the PDF has no pages that can be counted");
+  return m_run.fail(faultOfCount(m_pageCount));
 }
 
 bool PdfJob::renderOnCpu() {
@@ -120,7 +149,7 @@ bool PdfJob::render() {
   }
   const ShownChild shown(m_run, child.pid());
   if (followRenderer(child)) return true;
-  const std::string line = lastLogLine(options.stderrFile);
+  const std::string line = m_complaint.empty() ? complaintOf(options.stderrFile) : m_complaint;
   const SourceName& source = m_run.source();
   KX_RUNNER_LOG("gs transcode pdf %s%s fail\n", source.folder.c_str(), source.name.c_str());
   return m_run.fail("the renderer failed" + (line.empty() ? "" : ": " + line));
@@ -163,10 +192,19 @@ void PdfJob::handleOutput(std::string& buffered) {
       m_run.showProgress(percent);
       KX_RUNNER_LOG("curPage=%d, unitProgress=%d\n", page, percent);
     }
+    noteComplaint(buffered.substr(0, end));
     buffered.erase(0, end + 1);
   }
   constexpr size_t kLongestLine = 65536;
   if (buffered.size() > kLongestLine) buffered.clear();
+}
+
+// The renderer complains on its standard output, among the page numbers. The last complaint
+// is the one that it gave up with.
+void PdfJob::noteComplaint(const std::string& line) {
+  static const std::string kMark = "Error: ";
+  const size_t at = line.find(kMark);
+  if (at != std::string::npos) m_complaint = oneLine(line.substr(at + kMark.size()));
 }
 
 bool PdfJob::publishPages() {
@@ -182,10 +220,10 @@ bool PdfJob::publishPages() {
 
 bool PdfJob::publishPage(int page) {
   const std::string path = m_pages.pathOf(pageName(page));
-  const auto there = m_pages.find(pageName(page));
-  if (!there || !S_ISREG(there->st_mode) || there->st_size == 0) {
-    KX_RUNNER_LOG("jpg %s do not exist\n", path.c_str());
-    return m_run.fail("page " + std::to_string(page) + " was not rendered");
+  if (!m_pages.find(pageName(page))) KX_RUNNER_LOG("jpg %s do not exist\n", path.c_str());
+  if (!isWholeJpeg(m_pages, pageName(page))) {
+    return m_run.fail("page " + std::to_string(page) + " was not rendered" +
+                      (m_complaint.empty() ? "" : ": " + m_complaint));
   }
   addToCatalog(m_run, path, m_pagePath);
   const int percent = static_cast<int>(int64_t{page} * 100 / m_pageCount);

@@ -25,6 +25,7 @@ class PdfJob {
   std::vector<std::string> command() const;
   bool followRenderer(ChildProcess& child);
   void handleOutput(std::string& buffered);
+  void noteComplaint(const std::string& line);
   bool publishPages();
   bool publishPage(int page);
   void discardPages();
@@ -33,6 +34,7 @@ class PdfJob {
   JobRun& m_run;
   std::string m_pagePath;  // with trailing "/"
   std::string m_scratch;
+  std::string m_complaint;  // of the renderer
   OutputFolder m_pages;
   bool m_isNewFolder = false;
   int m_pageCount = 0;

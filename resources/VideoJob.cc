@@ -61,6 +61,7 @@ bool VideoJob::probe() {
   const std::string& path = m_run.job().src;
   if (m_source.info.init(path) != 0) {
     KX_RUNNER_LOG("mediainfo init fail");
+    if (m_source.stamp.size == 0 && isRegularFile(path)) return m_run.fail("the source is empty");
     if (!isDiscImage(path) || !probeDiscImage())
       return m_run.fail("the source is not a media file that can be read");
   }

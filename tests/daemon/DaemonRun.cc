@@ -43,6 +43,12 @@ void DaemonRoot::setEncoder(const std::string& before, const std::string& option
   script("usr/local/medialibrary/bin/ffmpeg", before + "\nexec ffmpeg " + options + " \"$@\"\n");
 }
 
+void DaemonRoot::useRealParser() const {
+  fs::copy_file(KX_BUILD_DIR "/tools/xlogparse.sh",
+                m_dir / "usr/local/medialibrary/bin/xlogparse.sh",
+                fs::copy_options::overwrite_existing);
+}
+
 void DaemonRoot::script(const std::string& name, const std::string& body) const {
   // Renamed into place, because a running program cannot be written.
   writeFile(m_dir / (name + ".new"), "#!/bin/sh\n" + body);

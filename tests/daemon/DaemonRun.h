@@ -32,6 +32,8 @@ class DaemonRoot {
   void setEncoder(const std::string& before, const std::string& options) const;
   // The encoder works as slowly as the clip plays, so that a job lasts.
   void slowEncoder() const { setEncoder("", "-re"); }
+  // Progress is read from the encoder's log.
+  void useRealParser() const;
   // Files and folders that jobs must not leave behind.
   std::vector<std::string> leftovers() const;
 

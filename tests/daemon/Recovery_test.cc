@@ -107,6 +107,21 @@ TEST_F(RecoveryTest, InterruptedJobsWaitAgainAndTheirTemporaryFilesGo) {
   EXPECT_TRUE(fs::exists(foreign));
 }
 
+TEST_F(RecoveryTest, TheScratchFolderOfAnInterruptedDocumentGoes) {
+  const std::string folder = m_dir / "share/";
+  insert(1, folder + "a.pdf", 3);
+  const std::string dead = nameOf(deadPid(), time(nullptr), "");
+  makeFile(folder + "a.pdf.gstmp." + dead + "/gs.log");
+  makeFile(folder + "a.pdf.album/a-1.jpg");
+  makeFile(folder + "a.pdf.gstmp.mine/x");
+  makeFile(folder + "other.gstmp." + dead + "/x");
+  xcoded::recoverFromCrash();
+  EXPECT_FALSE(fs::exists(folder + "a.pdf.gstmp." + dead));
+  for (const char* kept : {"a.pdf.album/a-1.jpg", "a.pdf.gstmp.mine/x"})
+    EXPECT_TRUE(fs::exists(folder + kept)) << kept;
+  EXPECT_TRUE(fs::exists(folder + "other.gstmp." + dead + "/x"));
+}
+
 TEST_F(RecoveryTest, WorkFoldersOfDeadProcessesGoWhole) {
   const std::string work = m_dir / "data/.system/transcode/";
   const std::string leftover = work + nameOf(deadPid(), time(nullptr), "");

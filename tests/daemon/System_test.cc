@@ -5,8 +5,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <iterator>
+#include <set>
 #include <thread>
 
 #include "KxTransDBMgr.h"
@@ -214,6 +217,64 @@ TEST(Daemon, CancelActsAtOnceAndKeepsTheRow) {
   EXPECT_FALSE(processRuns(encoder));
   EXPECT_EQ(root.leftovers(), std::vector<std::string>{});
   EXPECT_TRUE(daemon.units().empty());
+}
+
+TEST(Daemon, CancelOfADocumentActsAtOnceToo) {
+  if (!fs::exists("/usr/bin/gs")) GTEST_SKIP() << "no renderer is installed";
+  const DaemonRoot root;
+  fs::create_directories(root / "usr/local/sbin");
+  fs::create_symlink("/usr/bin/gs", root / "usr/local/sbin/gs");
+  writeFile(root.media("a.pdf"), emptyPdf(4000));
+  const DaemonRun daemon(root);
+  const int64_t id = daemon.add(root.media("a.pdf"));
+  const pid_t renderer = daemon.waitForEncoder();
+  ASSERT_GT(renderer, 0);
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(root.media("a.pdf.album/a-5.jpg")); }));
+  ASSERT_EQ(daemon.result(KX_CMD_CANCEL_JOB, 0, {{"id", id}}), 0);
+  EXPECT_TRUE(atOnce([&] { return daemon.units().empty() && !processRuns(renderer); }));
+  EXPECT_EQ(daemon.status(id), JOB_CANCELLED);
+  EXPECT_TRUE(daemon.children().empty());
+  const auto left = fs::directory_iterator(root / "media");
+  EXPECT_EQ(std::distance(fs::begin(left), fs::end(left)), 1) << "nothing but the document";
+}
+
+TEST(Daemon, TheClientQueuesASongAndItsSoundBecomesAnMp3File) {
+  const DaemonRoot root;
+  ASSERT_TRUE(run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "sine=d=3", "-metadata",
+                   "title=My Song", root.media("song.flac")}));
+  const DaemonRun daemon(root);
+  const std::string client = KX_BUILD_DIR "/bin/xcodectl";
+  ASSERT_TRUE(run(
+      {client, "--root", root.path(), "add", root.media("song.flac"), "--profile", "video2audio"}));
+  ASSERT_TRUE(run({client, "--root", root.path(), "wait", "1"})) << daemon.show(1);
+  const std::string result = root.media("Video2audio/song.mp3");
+  EXPECT_EQ(resultOf(daemon, 1), result);
+  EXPECT_EQ(run({"ffprobe", "-v", "error", "-show_entries", "stream=codec_name:format_tags=title",
+                 "-of", "default=nw=1:nk=1", result}),
+            "mp3\nMy Song\n");
+  EXPECT_EQ(root.leftovers(), std::vector<std::string>{});
+}
+
+TEST(Daemon, ASongShowsItsProgressAndIsCancelledAtOnce) {
+  const DaemonRoot root;
+  root.useRealParser();
+  root.slowEncoder();
+  ASSERT_TRUE(
+      run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "sine=d=12", root.media("song.flac")}));
+  const DaemonRun daemon(root);
+  const int64_t id = daemon.add(root.media("song.flac"), {{"jobFlag", 1 << 6}});
+  const pid_t encoder = daemon.waitForEncoder();
+  ASSERT_GT(encoder, 0);
+  std::set<int> seen;
+  EXPECT_TRUE(waitUntil([&] {
+    for (const json& unit : daemon.units()) seen.insert(unit.value("progress", -1));
+    return seen.size() >= 4;
+  }));
+  EXPECT_TRUE(std::ranges::all_of(seen, [](int percent) { return percent >= 0 && percent < 60; }));
+  ASSERT_EQ(daemon.result(KX_CMD_CANCEL_JOB, 0, {{"id", id}}), 0);
+  EXPECT_TRUE(atOnce([&] { return daemon.units().empty() && !processRuns(encoder); }));
+  EXPECT_EQ(daemon.status(id), JOB_CANCELLED);
+  EXPECT_EQ(root.leftovers(), std::vector<std::string>{});
 }
 
 TEST(Daemon, CancelOfASuspendedJobWorksToo) {

@@ -167,6 +167,8 @@ TEST(BrokenFiles, EndInAnErrorWithAReasonUnlessAllOfTheVideoIsThere) {
     const KxDBTaskParam row = world.run(copyIn(world, file), PROFILE_240P);
     EXPECT_TRUE(world.leftovers().empty());
     const std::string result = kxJobOutputs(row)[0].path;
+    printf("%s: %s\n", file.path.c_str(),
+           row.status == JOB_DONE ? "done" : world.reason(row.id).c_str());
     if (kUsable.contains(file.path)) {
       EXPECT_EQ(row.status, JOB_DONE) << world.reason(row.id);
       EXPECT_TRUE(decodesClean(result));

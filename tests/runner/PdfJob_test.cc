@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "KxHostPlatform.h"
 #include "tests/runner/RunnerWorld.h"
 
 namespace fs = std::filesystem;
@@ -12,30 +13,8 @@ using namespace kxtest;
 
 namespace {
 
-// A PDF with a number of empty pages.
-std::string pdf(int pages) {
-  std::string text = "%PDF-1.4\n";
-  std::vector<size_t> offsets;
-  const auto object = [&](const std::string& body) {
-    offsets.push_back(text.size());
-    text += std::to_string(offsets.size()) + " 0 obj\n" + body + "\nendobj\n";
-  };
-  std::string kids;
-  for (int page = 0; page < pages; ++page) kids += std::to_string(page + 3) + " 0 R ";
-  object("<< /Type /Catalog /Pages 2 0 R >>");
-  object("<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(pages) + " >>");
-  for (int page = 0; page < pages; ++page)
-    object("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 72 72] >>");
-  const size_t table = text.size();
-  text += "xref\n0 " + std::to_string(offsets.size() + 1) + "\n0000000000 65535 f \n";
-  for (const size_t offset : offsets) {
-    char line[32];
-    snprintf(line, sizeof line, "%010zu 00000 n \n", offset);
-    text += line;
-  }
-  return text + "trailer\n<< /Size " + std::to_string(offsets.size() + 1) +
-         " /Root 1 0 R >>\nstartxref\n" + std::to_string(table) + "\n%%EOF\n";
-}
+// Shell commands that write a picture, or what is as whole as one, for the stand-in.
+constexpr const char* kWritePage = "printf '\\377\\330page\\377\\331' > \"$f\"";
 
 }  // namespace
 
@@ -59,8 +38,34 @@ class PdfJob : public testing::Test {
                             "f=$(printf \"$out\" $i)\n" + perPage + "\ni=$((i+1)); done\n" + atEnd);
   }
   std::string makePdf(const std::string& name, int pages) {
-    writeFile(world.media(name), pdf(pages));
+    writeFile(world.media(name), emptyPdf(pages));
     return world.media(name);
+  }
+  // False where it is not installed.
+  bool useInstalledRenderer() {
+    if (!fs::exists("/usr/bin/gs")) return false;
+    fs::create_symlink("/usr/bin/gs", world.root().file("/usr/local/sbin/gs"));
+    return true;
+  }
+  // Queues a document of many pages and waits until its rendering is under way.
+  KxDBTaskParam beginLongRun() {
+    KxDBTaskParam job = world.addJob(makePdf("long.pdf", 4000), PROFILE_240P);
+    world.start(job);
+    EXPECT_TRUE(waitUntil([&] { return world.unit()->getProgress() >= 1; }));
+    EXPECT_LT(world.unit()->getProgress(), 100);
+    return job;
+  }
+  // The run leaves nothing but the document, and is over in a second.
+  void expectQuickCleanEnd(const std::function<void()>& act) {
+    const int child = world.unit()->getPid();
+    ASSERT_GT(child, 0);
+    const int before = world.runsEnded();
+    const auto asked = std::chrono::steady_clock::now();
+    act();
+    EXPECT_TRUE(waitUntil([&] { return world.runsEnded() > before; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
+    EXPECT_NE(kill(child, 0), 0);
+    EXPECT_THAT(world.mediaFiles(), testing::ElementsAre("./catalog", "./long.pdf"));
   }
   std::string text(const std::string& name) { return readFile(world.media(name)); }
 
@@ -69,7 +74,7 @@ class PdfJob : public testing::Test {
 };
 
 TEST_F(PdfJob, EveryPageIsRenderedAndMadeKnown) {
-  setRenderer("echo jpg > \"$f\"");
+  setRenderer(kWritePage);
   const std::string source = makePdf("my 100% paper.pdf", 3);
   const KxDBTaskParam row = world.run(source, PROFILE_240P);
   EXPECT_EQ(row.status, JOB_DONE) << world.reason(row.id);
@@ -92,8 +97,7 @@ TEST_F(PdfJob, EveryPageIsRenderedAndMadeKnown) {
 }
 
 TEST_F(PdfJob, TheInstalledRendererGivesPictures) {
-  if (!fs::exists("/usr/bin/gs")) GTEST_SKIP() << "no renderer is installed";
-  fs::create_symlink("/usr/bin/gs", world.root().file("/usr/local/sbin/gs"));
+  if (!useInstalledRenderer()) GTEST_SKIP() << "no renderer is installed";
   const std::string source = makePdf("it's 5% (new).pdf", 2);
   const KxDBTaskParam row = world.run(source, PROFILE_240P);
   ASSERT_EQ(row.status, JOB_DONE) << world.reason(row.id);
@@ -104,7 +108,7 @@ TEST_F(PdfJob, TheInstalledRendererGivesPictures) {
 }
 
 TEST_F(PdfJob, TheScratchFolderIsTheRenderersAndGoesWithIt) {
-  setRenderer("echo jpg > \"$f\"; echo x > \"$TMPDIR/scratch\"");
+  setRenderer(std::string(kWritePage) + "; echo x > \"$TMPDIR/scratch\"");
   const std::string source = makePdf("paper.pdf", 1);
   EXPECT_EQ(world.run(source, PROFILE_240P).status, JOB_DONE);
   EXPECT_TRUE(text("tmpdir").starts_with(source + ".gstmp."));
@@ -112,7 +116,7 @@ TEST_F(PdfJob, TheScratchFolderIsTheRenderersAndGoesWithIt) {
 }
 
 TEST_F(PdfJob, PagesGoWhereTheJobSays) {
-  setRenderer("echo jpg > \"$f\"");
+  setRenderer(kWritePage);
   TempDir elsewhere;
   const std::string source = makePdf("paper.pdf", 1);
   const KxDBTaskParam row =
@@ -123,18 +127,18 @@ TEST_F(PdfJob, PagesGoWhereTheJobSays) {
 }
 
 TEST_F(PdfJob, AFileWithoutPagesFailsAndLeavesNoFolder) {
-  setRenderer("echo jpg > \"$f\"");
+  setRenderer(kWritePage);
   writeFile(world.media("broken.pdf"), "no PDF");
   const KxDBTaskParam row = world.run(world.media("broken.pdf"), PROFILE_240P);
   EXPECT_EQ(row.status, JOB_ERROR);
-  EXPECT_EQ(world.reason(row.id), "the PDF has no pages that can be counted");
+  EXPECT_EQ(world.reason(row.id), "the file is no PDF or is damaged beyond repair");
   EXPECT_TRUE(log.has(world.media("broken.pdf") + " total pages <= 0\n"));
   EXPECT_TRUE(log.has("status != 0, update db status as ERROR\n"));
   EXPECT_FALSE(fs::exists(world.media("broken.pdf.album")));
 }
 
 TEST_F(PdfJob, AFailedRendererFailsTheJobAndNoPageIsMadeKnown) {
-  setRenderer("echo jpg > \"$f\"", "echo out of ink >&2; exit 1\n");
+  setRenderer(kWritePage, "echo out of ink >&2; exit 1\n");
   const std::string source = makePdf("paper.pdf", 2);
   const KxDBTaskParam row = world.run(source, PROFILE_240P);
   EXPECT_EQ(row.status, JOB_ERROR);
@@ -145,7 +149,7 @@ TEST_F(PdfJob, AFailedRendererFailsTheJobAndNoPageIsMadeKnown) {
 }
 
 TEST_F(PdfJob, AMissingPageFailsTheJob) {
-  setRenderer("[ $i = 2 ] || echo jpg > \"$f\"");
+  setRenderer(std::string("[ $i = 2 ] || ") + kWritePage);
   const std::string source = makePdf("paper.pdf", 2);
   const KxDBTaskParam row = world.run(source, PROFILE_240P);
   EXPECT_EQ(row.status, JOB_ERROR);
@@ -177,7 +181,7 @@ TEST_F(PdfJob, AFolderThatCannotBeMadeFailsTheJob) {
 }
 
 TEST_F(PdfJob, AStopKillsTheRendererAndNoPageIsMadeKnown) {
-  setRenderer("echo jpg > \"$f\"; sleep 600");
+  setRenderer(std::string(kWritePage) + "; sleep 600");
   const std::string source = makePdf("paper.pdf", 2);
   const KxDBTaskParam job = world.addJob(source, PROFILE_240P);
   world.start(job);
@@ -191,6 +195,117 @@ TEST_F(PdfJob, AStopKillsTheRendererAndNoPageIsMadeKnown) {
                       std::to_string(child) + "\n"));
   EXPECT_TRUE(log.has("child exit by receive signal, signal=15\n"));
   EXPECT_EQ(world.row(job.id).status, JOB_WAITING);
+  EXPECT_EQ(text("catalog").find("createfile"), std::string::npos);
+  EXPECT_FALSE(fs::exists(source + ".album"));
+}
+
+TEST_F(PdfJob, AStopInTheMiddleOfALongDocumentActsAtOnce) {
+  if (!useInstalledRenderer()) GTEST_SKIP() << "no renderer is installed";
+  const KxDBTaskParam job = beginLongRun();
+  expectQuickCleanEnd([&] { world.stop(job.id); });
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_EQ(world.row(job.id).status, JOB_WAITING);
+  EXPECT_EQ(world.registrations(), 0u);
+}
+
+TEST_F(PdfJob, ASuspendedDocumentLeavesItsRowAndIsRenderedLater) {
+  if (!useInstalledRenderer()) GTEST_SKIP() << "no renderer is installed";
+  const KxDBTaskParam job = beginLongRun();
+  expectQuickCleanEnd([&] { world.pending(job); });
+  EXPECT_EQ(world.row(job.id).status, JOB_RUNNING);
+  EXPECT_EQ(world.unit()->getState(), UNIT_PENDING);
+  makePdf("long.pdf", 2);
+  world.resume(job);
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_EQ(world.row(job.id).status, JOB_DONE) << world.reason(job.id);
+  EXPECT_TRUE(fs::exists(world.media("long.pdf.album/long-2.jpg")));
+}
+
+TEST_F(PdfJob, AStopWhilePagesAreMadeKnownActsAtOnce) {
+  setRenderer(kWritePage);
+  world.root().script("/usr/local/medialibrary/bin/catalogcmd", "case $1 in createfile) touch '" +
+                                                                    world.media("asked") +
+                                                                    "'; sleep 60 ;; esac\n");
+  const KxDBTaskParam job = world.addJob(makePdf("long.pdf", 2), PROFILE_240P);
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(world.media("asked")); }));
+  const auto asked = std::chrono::steady_clock::now();
+  world.stop(job.id);
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
+  EXPECT_EQ(world.row(job.id).status, JOB_WAITING);
+}
+
+TEST_F(PdfJob, HostileNamesAreOnlyNames) {
+  if (!useInstalledRenderer()) GTEST_SKIP() << "no renderer is installed";
+  for (const char* base : {"-dNOSAFER", "@arguments", "100%", "%d %03d", "a|b", "(x)\\", "-"}) {
+    SCOPED_TRACE(base);
+    const std::string source = makePdf(std::string(base) + ".pdf", 2);
+    const KxDBTaskParam row = world.run(source, PROFILE_240P);
+    EXPECT_EQ(row.status, JOB_DONE) << world.reason(row.id);
+    const fs::path album = source + ".album";
+    for (const char* page : {"-1.jpg", "-2.jpg"})
+      EXPECT_TRUE(fs::exists((album / base) += page)) << page;
+  }
+  // The renderer opens nothing that could be a command.
+  makePdf("%pipe%touch hacked.pdf", 1);
+  const KxDBTaskParam row = world.run(world.media("%pipe%touch hacked.pdf"), PROFILE_240P);
+  EXPECT_EQ(row.status, JOB_ERROR);
+  EXPECT_TRUE(world.reason(row.id).starts_with("the renderer failed: /undefinedfilename in "));
+  EXPECT_FALSE(fs::exists(world.media("hacked")) || fs::exists("hacked"));
+}
+
+TEST_F(PdfJob, AProgramInADocumentReachesNoOtherFile) {
+  if (!useInstalledRenderer()) GTEST_SKIP() << "no renderer is installed";
+  const std::string secret = world.media("secret");
+  const std::string leaked = world.media("leaked");
+  writeFile(secret, "top secret");
+  // A page description program in front of a document: the page count is that of the document,
+  // the renderer runs the program.
+  const std::string document = emptyPdf(1);
+  const std::string program = "%!PS-Adobe-3.0\n{ (" + secret +
+                              ") (r) file 100 string readstring pop (" + leaked +
+                              ") (w) file dup 3 -1 roll writestring closefile } stopped\nshowpage "
+                              "quit\n";
+  writeFile(world.media("evil.pdf"), program + document);
+  ASSERT_EQ(kxPdfGetPageNumber(world.media("evil.pdf")), 1);
+  // It does harm where nothing holds it back.
+  run({"gs", "-q", "-sDEVICE=jpeg", "-dNOPAUSE", "-dBATCH", "-dNOSAFER", "-sOutputFile=/dev/null",
+       world.media("evil.pdf")});
+  ASSERT_EQ(text("leaked"), "top secret");
+  fs::remove(leaked);
+  world.run(world.media("evil.pdf"), PROFILE_240P);
+  EXPECT_TRUE(log.hasPart(world.media("evil.pdf") + " total pages: 1\n"));
+  EXPECT_FALSE(fs::exists(leaked));
+}
+
+TEST_F(PdfJob, AnEncryptedDocumentFailsAndSaysSo) {
+  if (!useInstalledRenderer()) GTEST_SKIP() << "no renderer is installed";
+  const std::string source = world.media("locked.pdf");
+  ASSERT_TRUE(run({"gs", "-q", "-sDEVICE=pdfwrite", "-sOwnerPassword=own", "-sUserPassword=use",
+                   "-dEncryptionR=3", "-dKeyLength=128", "-o", source, makePdf("open.pdf", 1)}));
+  const KxDBTaskParam row = world.run(source, PROFILE_240P);
+  EXPECT_EQ(row.status, JOB_ERROR);
+  EXPECT_EQ(world.reason(row.id), "the PDF is encrypted and cannot be opened without its password");
+  EXPECT_TRUE(log.has(source + " total pages <= 0\n"));
+  EXPECT_FALSE(fs::exists(source + ".album"));
+}
+
+TEST_F(PdfJob, TheRenderersComplaintIsTheReason) {
+  setRenderer("echo '   **** Error: page not found.'");
+  const KxDBTaskParam row = world.run(makePdf("paper.pdf", 1), PROFILE_240P);
+  EXPECT_EQ(world.reason(row.id), "page 1 was not rendered: page not found.");
+  setRenderer("echo 'Error: /undefined in obj'; echo 'Operand stack:'", "echo late >&2; exit 1");
+  EXPECT_EQ(world.reason(world.run(makePdf("other.pdf", 1), PROFILE_240P).id),
+            "the renderer failed: /undefined in obj");
+}
+
+TEST_F(PdfJob, APictureThatIsCutOffIsNoPage) {
+  setRenderer("printf '\\377\\330half a page' > \"$f\"");
+  const std::string source = makePdf("paper.pdf", 1);
+  const KxDBTaskParam row = world.run(source, PROFILE_240P);
+  EXPECT_EQ(row.status, JOB_ERROR);
+  EXPECT_EQ(world.reason(row.id), "page 1 was not rendered");
   EXPECT_EQ(text("catalog").find("createfile"), std::string::npos);
   EXPECT_FALSE(fs::exists(source + ".album"));
 }

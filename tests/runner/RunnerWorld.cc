@@ -86,11 +86,14 @@ RunnerWorld::RunnerWorld(Cgroups cgroups) : m_configuration("[TRANSCODESVR]\nCPU
   if (KxTransDBMgr::getInstance()->init(m_state / "jobs.db") != 0)
     throw std::runtime_error("cannot open the job store");
   initManagerOnce(m_state / "cgroup");
+  KxTranscodeUnit2::setLeaveListener(
+      [](void* world) { ++static_cast<RunnerWorld*>(world)->m_runsEnded; }, this);
 }
 
 RunnerWorld::~RunnerWorld() {
   Locked()->stopAllUnit();
   waitForUnits();
+  KxTranscodeUnit2::setLeaveListener(nullptr, nullptr);
   KxTransDBMgr::getInstance()->uninit();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <optional>
 #include <string>
@@ -73,8 +74,11 @@ class RunnerWorld {
   // Entries of the folders that only hold work in progress.
   std::vector<std::string> leftovers() const;
   size_t registrations();
+  // Runs of units that have come to their end in this world.
+  int runsEnded() const { return m_runsEnded; }
 
  private:
+  std::atomic<int> m_runsEnded{0};
   PrivateRoot m_root;
   TempDir m_media;
   TempDir m_state;

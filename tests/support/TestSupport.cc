@@ -175,6 +175,27 @@ void makeClip(const std::string& path, int width, int height, double seconds,
   if (!run(argv)) throw std::runtime_error("ffmpeg cannot make " + path);
 }
 
+std::string emptyPdf(int pages) {
+  std::string kids;
+  for (int page = 0; page < pages; ++page) kids += std::to_string(3 + page) + " 0 R ";
+  std::vector<std::string> objects = {"<< /Type /Catalog /Pages 2 0 R >>",
+                                      "<< /Type /Pages /Kids [" + kids + "] /Count " +
+                                          std::to_string(pages) + " >>"};
+  for (int page = 0; page < pages; ++page)
+    objects.emplace_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 72 72] >>");
+  std::string text = "%PDF-1.4\n";
+  std::string table = "0000000000 65535 f \n";
+  for (size_t i = 0; i < objects.size(); ++i) {
+    std::string offset = std::to_string(text.size());
+    table += offset.insert(0, 10 - offset.size(), '0') + " 00000 n \n";
+    text += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+  }
+  const std::string start = std::to_string(text.size());
+  const std::string size = std::to_string(objects.size() + 1);
+  return text + "xref\n0 " + size + "\n" + table + "trailer\n<< /Size " + size +
+         " /Root 1 0 R >>\nstartxref\n" + start + "\n%%EOF\n";
+}
+
 std::optional<std::string> mediaDir() {
   const char* dir = getenv("KX_MEDIA_DIR");
   if (dir == nullptr || *dir == '\0') return std::nullopt;

@@ -85,6 +85,9 @@ std::optional<std::string> run(const std::vector<std::string>& argv);
 void makeClip(const std::string& path, int width = 320, int height = 240, double seconds = 1.0,
               const std::vector<std::string>& extraArgs = {});
 
+// A document of empty pages of 72 by 72 points, with a right cross-reference table.
+std::string emptyPdf(int pages);
+
 // Folder of real media files, when the environment names one (KX_MEDIA_DIR).
 std::optional<std::string> mediaDir();
 
