@@ -639,6 +639,10 @@ int Commands::folderList() {
          watchText(row), printable(string(row, "path"))});
   }
   printf("%s", table.size() == 1 ? "No folders.\n" : tableText(table).c_str());
+  if (!status.value("notify", false) && table.size() > 1) {
+    printf("The folders are not watched yet: they are being looked through, or the log says why "
+           "not.\n");
+  }
   const std::string scanning = string(status, "scanning");
   if (!scanning.empty()) printf("Scanning %s.\n", printable(scanning).c_str());
   if (integer(status, "queuedScans") > 0)

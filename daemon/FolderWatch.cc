@@ -103,8 +103,12 @@ void checkTarget(const std::string& target) {
 
 void checkWatchable(const std::string& path) {
   struct stat info {};
-  if (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
-    throw RequestError("there is no folder " + path);
+  // A final "/" would follow a link.
+  const std::string folder = path.substr(0, path.find_last_not_of('/') + 1);
+  if (lstat(folder.c_str(), &info) != 0) throw RequestError("there is no folder " + path);
+  if (S_ISLNK(info.st_mode))
+    throw RequestError(path + " is a link; watch the folder that it leads to");
+  if (!S_ISDIR(info.st_mode)) throw RequestError(path + " is not a folder");
   if (!isValidPath(path)) throw RequestError("the service's own folders cannot be watched");
   const NasVol* volumes = NasVol::getInstance();
   if (volumes == nullptr) return;

@@ -410,8 +410,10 @@ Answer JobCommands::removeFolder(int, const KxSockData_s& request) {
   KxTransFileMonitor* monitor = KxTransFileMonitor::getInstance();
   const std::string path = requestPath(request, 1);
   if (!monitor->hasFolder(path)) throw RequestError("the folder is not watched");
+  std::string prefix = convertFolderPath(path);
+  prefix.erase(std::unique(prefix.begin(), prefix.end(), miscStripSlashes), prefix.end());
   StopOperation operation;
-  operation.matches = [prefix = convertFolderPath(path)](const KxDBTaskParam& job) {
+  operation.matches = [prefix](const KxDBTaskParam& job) {
     return job.src.compare(0, prefix.size(), prefix) == 0;
   };
   operation.act = [monitor, path]() -> std::string {

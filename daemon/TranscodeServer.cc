@@ -10,6 +10,7 @@
 
 #include "KxResMgr2.h"
 #include "KxTransDBMgr.h"
+#include "KxTransFileMonitor.h"
 #include "daemon/Recovery.h"
 #include "daemon/RequestJson.h"
 #include "daemon/StopSignal.h"
@@ -30,6 +31,10 @@ std::optional<gid_t> allowedGroup(const std::string& name) {
   if (!name.empty() && !group)
     KX_LOG_LEVEL(3, "ALLOW_GROUP=%s: there is no such group\n", name.c_str());
   return group;
+}
+
+bool isWatched(const std::string& path) {
+  return KxTransFileMonitor::getInstance()->hasFolder(path);
 }
 
 }  // namespace
@@ -101,9 +106,10 @@ int TranscodeServer::svrRun() {
   m_isEnding = true;
   const bool unitsEnded = m_loop.stop(kUnitsEnd);
   if (!unitsEnded) KX_LOG_LEVEL(2, "a unit did not stop in time\n");
+  // Clients first: a folder request needs folder watching to the end of its answer.
+  const bool clientsEnded = m_connections.stop([this] { wakeAcceptor(); }, kClientsEnd);
   const bool watchEnded = m_watch.stop(kWatchEnd);
   if (!watchEnded) KX_LOG_LEVEL(2, "folder watching did not stop in time\n");
-  const bool clientsEnded = m_connections.stop([this] { wakeAcceptor(); }, kClientsEnd);
   unlink(m_configuration.socketPath.c_str());
   // What could not stop in time dies with the process, and its files are removed by the next.
   if (unitsEnded && clientsEnded && watchEnded) KxTransDBMgr::getInstance()->uninit();
@@ -168,6 +174,7 @@ int TranscodeServer::addFolder(int fd, KxSockData_s& request) {
   try {
     checkTarget(requestText(request, 2));
     checkWatchable(requestPath(request, 1));
+    if (isWatched(requestPath(request, 1))) throw RequestError("the folder is watched already");
   } catch (const RequestError& error) {
     return refuse(fd, request, error.what());
   }
@@ -177,6 +184,7 @@ int TranscodeServer::addFolder(int fd, KxSockData_s& request) {
 int TranscodeServer::updateFolder(int fd, KxSockData_s& request) {
   try {
     checkTarget(requestText(request, 2));
+    if (!isWatched(requestPath(request, 1))) throw RequestError("the folder is not watched");
   } catch (const RequestError& error) {
     return refuse(fd, request, error.what());
   }

@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 
+#include "KxTransFileMonitor.h"
 #include "daemon/LibraryLocks.h"
 #include "daemon/UnitControl.h"
 #include "frame/Log.h"
@@ -67,7 +69,13 @@ WatchedJobs::Verdict WatchedJobs::judge(const KxDBTaskParam& job,
   if (!isWatched(job)) return Verdict::Start;
   if (!m_settle.isComplete(job.src)) return Verdict::Wait;
   struct stat info {};
-  if (stat(job.src.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return Verdict::Start;
+  if (stat(job.src.c_str(), &info) != 0) {
+    // A volume that is not mounted brings its files back; what is gone for good fails by itself.
+    const bool isGone = errno == ENOENT || errno == ENOTDIR;
+    const bool mayReturn = isGone && KxTransFileMonitor::getInstance()->isAway(job.src);
+    return mayReturn ? Verdict::Wait : Verdict::Start;
+  }
+  if (!S_ISREG(info.st_mode)) return Verdict::Start;
   const auto running = std::find_if(units.begin(), units.end(), [&](const KxDBTaskParam& unit) {
     return unit.src == job.src && unit.id != job.id;
   });

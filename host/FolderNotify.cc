@@ -138,7 +138,13 @@ std::vector<std::string> normalisedList(const char* const* list) {
 std::vector<std::string> subFolders(const std::string& folder) {
   std::vector<std::string> names;
   DIR* dir = opendir(folder.c_str());
-  if (dir == nullptr) return names;
+  if (dir == nullptr) {
+    if (errno != ENOENT && errno != ENOTDIR) {
+      KX_LOG_LEVEL(3, "can not look for the folders in %s, errno=%d, strerror=%s\n", folder.c_str(),
+                   errno, strerror(errno));
+    }
+    return names;
+  }
   while (const dirent* entry = readdir(dir)) {
     struct stat info = {};
     const bool isFolder = entry->d_type == DT_DIR ||

@@ -38,8 +38,9 @@ struct KxWatchStatus {
   std::vector<KxWatchedFolder> folders;  ///< ascending by path
 };
 
-/// What folder watching tells a host. The functions are called on its threads without any lock
-/// of the library; they must not call KxTransFileMonitor.
+/// What folder watching tells a host. The functions are called on its threads and on those of
+/// folder requests, without the locks of the job store and of the resource manager; they must
+/// not call KxTransFileMonitor, whose mutex may be held.
 struct KxWatchListener {
   void* context = nullptr;
   /// A job was queued.
@@ -76,7 +77,7 @@ class KxTransFileMonitor {
   int startAll();
   /// Scanner, then agent; also ends a startAll() that is under way on another thread.
   int stopAll();
-  /// Waits for the scan in progress, which ends early.
+  /// Waits for the scan in progress, which ends early, as do the walks of an agent that starts.
   int stopScanner();
   int stopNotify();
   int getFolderSize();
@@ -98,6 +99,10 @@ class KxTransFileMonitor {
   /// Takes a folder out of the list with its jobs, in whatever state, its records and its
   /// watches. Stop the units of its jobs first.
   int delFolder(std::string path);
+
+  /// True when the watched folder that contains a path is missing or empty, as it is while its
+  /// volume is not mounted. Files below it may come back as they were.
+  bool isAway(const std::string& path);
 
   /// State of folder watching and of every folder.
   KxWatchStatus getWatchStatus();

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "KxHostPlatform.h"
 #include "KxTransFileConfig.h"
@@ -73,8 +74,13 @@ class KxTransNotifyAgent {
   void unwatchFolder(const std::string& path);
   /// Watches again what is not completely watched.
   void completeWatches();
+  /// Ends the walks of a start or restart that is under way; its folders are watched all the
+  /// same.
+  void skipWalks();
 
  private:
+  using Volumes = std::map<std::string, dev_t>;  // by folder, with its final "/"
+
   // A folder of the list as it was when it was watched.
   struct Root {
     dev_t device;
@@ -96,8 +102,12 @@ class KxTransNotifyAgent {
   void watchRoot(const KxTransFileSetting& setting);
   void checkRoot(const KxTransFileSetting& setting);
   void checkRoots();
+  Volumes volumesBelow(const std::vector<KxTransFileSetting>& settings);
+  void checkVolumes();
   void recoverLostEvents();
+  void wakeScanner();
   KxTransFileSetting settingOf(const std::string& path);
+  void leaveVolume(const std::string& folder);
   void enterFolder(const std::string& path, const std::string& name);
   void leaveFolder(const std::string& path);
   void addFile(const std::string& path, const std::string& name);
@@ -120,8 +130,11 @@ class KxTransNotifyAgent {
   std::mutex m_life;  // one start, stop or restart at a time; taken before all others
   std::atomic<bool> m_ready;
   std::atomic<bool> m_ending;  // start and restart must not go on
-  std::thread m_restarter;     // under m_restarterMutex
+  std::atomic<bool> m_areWalksSkipped;
+  std::thread m_restarter;  // under m_restarterMutex
   std::mutex m_restarterMutex;
-  bool m_restartAsked;  // the worker's
-  time_t m_nextCheck;   // the worker's, monotonic seconds
+  // The worker's; start() fills them before there is one.
+  bool m_restartAsked;
+  time_t m_nextCheck;  // monotonic seconds
+  Volumes m_volumes;
 };

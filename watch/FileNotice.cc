@@ -9,7 +9,7 @@
 
 #include "KxHostPlatform.h"
 #include "KxTransFileMonitor.h"
-#include "Misc.h"
+#include "watch/FolderLookup.h"
 
 namespace {
 
@@ -38,13 +38,13 @@ bool isGone(const std::string& path) {
   return lstat(path.c_str(), &info) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
 
+}  // namespace
+
 bool hasEntries(const std::string& folder) {
   std::error_code error;
   const bool isEmpty = std::filesystem::is_empty(folder, error);
   return !error && !isEmpty;
 }
-
-}  // namespace
 
 void KxTransFileMonitor::setListener(const KxWatchListener* listener) {
   gListener = listener;
@@ -83,7 +83,7 @@ void forgetFile(const KxDBMgrFileParam& file) {
 }
 
 int forgetFolder(const std::string& folder, const std::function<int()>& last) {
-  const std::string prefix = convertFolderPath(folder);
+  const std::string prefix = FolderLookup::normalised(folder);
   tellLeaving(prefix);
   return withStore([&] {
     KxTransDBMgr* store = KxTransDBMgr::getInstance();
@@ -96,7 +96,8 @@ int forgetFolder(const std::string& folder, const std::function<int()>& last) {
 void forgetVanished(const std::string& root) {
   if (!hasEntries(root)) return;
   KxTransDBMgr* store = KxTransDBMgr::getInstance();
-  const auto folders = withStore([&] { return store->getDBFolders(convertFolderPath(root)); });
+  const auto folders =
+      withStore([&] { return store->getDBFolders(FolderLookup::normalised(root)); });
   for (const std::string& folder : folders) {
     if (isGone(folder)) {
       forgetFolder(folder);

@@ -33,6 +33,8 @@ void forgetFile(const KxDBMgrFileParam& file);
 // The same for everything below a folder. @p last runs in the same section of the store's lock.
 // @return what it returned
 int forgetFolder(const std::string& folder, const std::function<int()>& last = {});
+// False also for a folder that is not there.
+bool hasEntries(const std::string& folder);
 // Forgets recorded files below a watched folder that are not there any more. Does nothing while
 // the folder itself is missing or empty: its volume may not be mounted.
 void forgetVanished(const std::string& root);

@@ -1,5 +1,6 @@
 #include "watch/FolderFile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <filesystem>
 
 #include "frame/Log.h"
+#include "frame/UniqueFd.h"
 
 static constexpr const char* kLogSource = "KxTransFileConfig";
 
@@ -48,6 +50,13 @@ void removeLeftovers(const std::string& path) {
         unlink(entry.path().c_str());
     }
   }
+}
+
+// Until then a power failure may undo a change that was answered.
+void syncFolderOf(const std::string& path) {
+  const std::string folder = std::filesystem::path(path).parent_path();
+  const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd) fsync(fd.get());
 }
 
 }  // namespace
@@ -125,7 +134,9 @@ int replace(const std::string& path, const XMLNode& root) {
   if (write(fresh, root) != 0) return 1;
   if (remove(path.c_str()) != 0)
     KX_LOG_AS("updateTranscodeXml", "Remove %s failed.\n", path.c_str());
-  return rename(fresh.c_str(), path.c_str()) == 0 ? 0 : 1;
+  if (rename(fresh.c_str(), path.c_str()) != 0) return 1;
+  syncFolderOf(path);
+  return 0;
 }
 
 }  // namespace FolderFile

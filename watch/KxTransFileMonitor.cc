@@ -116,10 +116,13 @@ int KxTransFileMonitor::startAll() {
 int KxTransFileMonitor::stopAll() {
   const int scannerResult = stopScanner();
   const int notifyResult = stopNotify();
-  return scannerResult == 0 && notifyResult == 0 ? 0 : 1;
+  // The agent starts it when it finds something to scan.
+  const int lastResult = stopScanner();
+  return scannerResult == 0 && notifyResult == 0 && lastResult == 0 ? 0 : 1;
 }
 
 int KxTransFileMonitor::stopScanner() {
+  agent()->skipWalks();
   return scanner()->getStatus() ? scanner()->stop() : 0;
 }
 
@@ -186,6 +189,7 @@ int KxTransFileMonitor::buildAllFolder() {
 }
 
 int KxTransFileMonitor::stopBuildAll() {
+  WatchHealth::instance().dropRepair();
   return scanner()->stopBuildAll();
 }
 
@@ -202,17 +206,25 @@ int KxTransFileMonitor::delFolder(std::string path) {
   return 0;
 }
 
+bool KxTransFileMonitor::isAway(const std::string& path) {
+  KxTransFileSetting root;
+  return m_config.getFolderSetting(path, root, false) == 0 && !hasEntries(root.getFilePath());
+}
+
 // What lay in a folder that has left the list may belong to folders within or around it.
 void KxTransFileMonitor::rescanAround(const std::string& path) {
+  std::vector<KxTransFileSetting> around;
   KxTransFileSetting outer;
   if (m_config.getFolderSetting(path, outer, false) == 0) {
     outer.setFilePath(path);
-    scanner()->addFolder(outer);
+    around.push_back(outer);
   }
   for (const KxTransFileSetting& setting : m_config.getFolderSettings()) {
     if (FolderLookup::isWithin(FolderLookup::normalised(setting.getFilePath()), path))
-      scanner()->addFolder(setting);
+      around.push_back(setting);
   }
+  if (!around.empty() && !scanner()->getStatus()) scanner()->start();
+  for (const KxTransFileSetting& setting : around) scanner()->addFolder(setting);
 }
 
 KxWatchStatus KxTransFileMonitor::getWatchStatus() {

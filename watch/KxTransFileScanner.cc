@@ -41,12 +41,13 @@ class KnownTimes {
 class Scan {
  public:
   Scan(KxTransFileConfig& config, const KxTransFileSetting& setting)
-      : m_config(config), m_setting(setting), m_isListed(isListed(setting.getFilePath())) {}
+      : m_config(config), m_setting(setting),
+        m_top(FolderLookup::normalised(setting.getFilePath())), m_isListed(isListed(m_top)) {}
 
   bool enter(const std::string& folder) {
     KxTransFileSetting here = settingFor(folder);
     here.setFilePath(folder);
-    if (folder != convertFolderPath(m_setting.getFilePath())) here.dump();
+    if (folder != m_top) here.dump();
     if (here.getTarget().empty()) {
       KX_LOG_AS("scanFolder", "empty\n");
       return false;
@@ -89,14 +90,14 @@ class Scan {
   // A folder of the list that lies within the walked one has its own target.
   KxTransFileSetting settingFor(const std::string& folder) {
     KxTransFileSetting nearest;
-    const std::string top = FolderLookup::normalised(m_setting.getFilePath());
     if (m_config.getFolderSetting(folder, nearest, false) != 0) return m_setting;
     const std::string own = FolderLookup::normalised(nearest.getFilePath());
-    return own.size() > top.size() ? nearest : m_setting;
+    return own.size() > m_top.size() ? nearest : m_setting;
   }
 
   KxTransFileConfig& m_config;
   const KxTransFileSetting m_setting;
+  const std::string m_top;
   const bool m_isListed;
   KnownTimes m_known;
   long long m_target = 0;
@@ -277,7 +278,7 @@ void KxTransFileScanner::runTask(const KxTransFileScanTask& task) {
   if (task.m_type == SCAN_UPDATED) {
     withStore([&] {
       return KxTransDBMgr::getInstance()->resetModifiedTime(
-          KxDBMgrFileParam("", convertFolderPath(task.m_setting.getFilePath()), 0, 0));
+          KxDBMgrFileParam("", FolderLookup::normalised(task.m_setting.getFilePath()), 0, 0));
     });
   }
   scanFolder(task.m_setting, [this] { return !checkStatus(); });
@@ -328,7 +329,7 @@ int KxTransFileScanner::scanFolder(const KxTransFileSetting& setting,
   };
   visitor.unreadable = [](const std::string&) { KX_LOG_AS("scanFolder", "opendir failed\n"); };
   visitor.stopped = stopped;
-  if (FolderWalk::walk(setting.getFilePath(), visitor)) return 0;
+  if (FolderWalk::walk(FolderLookup::normalised(setting.getFilePath()), visitor)) return 0;
   KX_LOG("opendir failed\n");
   return 1;
 }

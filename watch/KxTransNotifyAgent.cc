@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <iterator>
 #include <vector>
 
 #include "KxTransDBMgr.h"
@@ -46,6 +47,11 @@ KxDBMgrFileParam recordOf(const std::string& path, const std::string& name,
   return {name, folderOf(path, name), info.st_mtime, info.st_size};
 }
 
+bool isBelow(const std::string& folder, const KxTransFileSetting& setting) {
+  const std::string root = FolderLookup::normalised(setting.getFilePath());
+  return folder != root && FolderLookup::isWithin(folder, root);
+}
+
 KxWatchState_e stateAfter(int error) {
   switch (error) {
   case 0:
@@ -71,7 +77,7 @@ KxTransNotifyAgent::KxTransNotifyAgent()
     : m_notify(std::make_unique<F2notify>()), m_nasVol(std::make_unique<NasVol>()),
       m_config(nullptr), m_signalSem(), m_handOverSem(), m_mutex(), m_flagLock(), m_running(false),
       m_restart(false), m_thread(), m_clientId(0), m_ready(false), m_ending(false),
-      m_restartAsked(false), m_nextCheck(0) {
+      m_areWalksSkipped(false), m_restartAsked(false), m_nextCheck(0) {
   NasVol::setInstance(m_nasVol.get());
   KX_LOG("add indexable vol dir for NasVol\n");
   m_nasVol->genIndexableVolDir();
@@ -166,6 +172,7 @@ int KxTransNotifyAgent::startLocked() {
   if (m_notify->x_inotifytools_initialize() != 0) return 1;
   m_restartAsked = false;
   m_nextCheck = monotonicSeconds() + kRootCheck;
+  m_volumes = volumesBelow(m_config->getFolderSettings());
   int result = importFolderFromConfieFile();
   if (result == 0) {
     setStatus(true);
@@ -227,20 +234,33 @@ void KxTransNotifyAgent::restartSoon() {
 
 int KxTransNotifyAgent::importFolderFromConfieFile() {
   KxTransFileScanner* scanner = KxTransFileScanner::getInstance();
+  m_areWalksSkipped = false;
+  const auto stopped = [this] { return isEnding() || m_areWalksSkipped; };
   for (const KxTransFileSetting& setting : m_config->getFolderSettings()) {
     if (isEnding()) return 1;
     watchRoot(setting);
     if (WatchHealth::instance().stateOf(setting.getFilePath()) == WATCH_MISSING) continue;
-    scanner->scanFolder(setting, [this] { return isEnding(); });
-    if (!isEnding()) forgetVanished(setting.getFilePath());
+    if (!stopped()) scanner->scanFolder(setting, stopped);
+    if (!stopped()) forgetVanished(setting.getFilePath());
   }
   return isEnding() ? 1 : 0;
+}
+
+void KxTransNotifyAgent::skipWalks() {
+  m_areWalksSkipped = true;
+}
+
+// A scan that follows from an event must not wait for the next request.
+void KxTransNotifyAgent::wakeScanner() {
+  KxTransFileScanner* scanner = KxTransFileScanner::getInstance();
+  if (checkStatus() && !scanner->getStatus()) scanner->start();
 }
 
 // 0, or the errno that says why the folder is not watched completely.
 int KxTransNotifyAgent::watchTreeLocked(const std::string& path) {
   errno = 0;
-  if (m_notify->x_my_inotifytools_watch_recursively_with_exclude(path.c_str(), 0, nullptr) == 0)
+  const std::string folder = FolderLookup::normalised(path);
+  if (m_notify->x_my_inotifytools_watch_recursively_with_exclude(folder.c_str(), 0, nullptr) == 0)
     return 0;
   return errno != 0 ? errno : EIO;
 }
@@ -363,6 +383,47 @@ void KxTransNotifyAgent::work() {
 void KxTransNotifyAgent::checkRoots() {
   m_nextCheck = monotonicSeconds() + kRootCheck;
   for (const KxTransFileSetting& setting : m_config->getFolderSettings()) checkRoot(setting);
+  checkVolumes();
+}
+
+// Volumes that are mounted below the folders of the list, and what they are.
+KxTransNotifyAgent::Volumes
+KxTransNotifyAgent::volumesBelow(const std::vector<KxTransFileSetting>& settings) {
+  Volumes volumes;
+  m_nasVol->genIndexableVolDir();
+  for (const std::string& mounted : m_nasVol->getIndexableVolDirs()) {
+    const std::string folder = FolderLookup::normalised(mounted);
+    struct stat info {};
+    if (std::any_of(settings.begin(), settings.end(),
+                    [&](const auto& s) { return isBelow(folder, s); }) &&
+        stat(folder.c_str(), &info) == 0)
+      volumes[folder] = info.st_dev;
+  }
+  return volumes;
+}
+
+// Nor does one tell that a volume is mounted or unmounted below one of them.
+void KxTransNotifyAgent::checkVolumes() {
+  const std::vector<KxTransFileSetting> settings = m_config->getFolderSettings();
+  const Volumes volumes = volumesBelow(settings);
+  Volumes changed;
+  std::set_symmetric_difference(volumes.begin(), volumes.end(), m_volumes.begin(), m_volumes.end(),
+                                std::inserter(changed, changed.end()));
+  m_volumes = volumes;
+  for (const auto& [folder, device] : changed) {
+    // They belong to what the volume hides, or to what is no longer there.
+    ScopedMutexLock lock(m_mutex);
+    m_notify->x_inotifytools_remove_watch_by_filename(folder.c_str());
+  }
+  for (const KxTransFileSetting& setting : settings) {
+    const auto holds = [&](const auto& volume) { return isBelow(volume.first, setting); };
+    if (std::none_of(changed.begin(), changed.end(), holds)) continue;
+    KX_LOG_LEVEL(3, "[notify] a volume below %s came or went, watch and scan the folder\n",
+                 setting.getFilePath().c_str());
+    watchRoot(setting);
+    KxTransFileScanner::getInstance()->addFolder(setting);
+    wakeScanner();
+  }
 }
 
 void KxTransNotifyAgent::checkRoot(const KxTransFileSetting& setting) {
@@ -377,7 +438,10 @@ void KxTransNotifyAgent::checkRoot(const KxTransFileSetting& setting) {
                         known->second.inode == info.st_ino;
     if (isSame) return;
     // What is left of the old one would report paths that are no longer true.
-    if (isWatched) m_notify->x_inotifytools_remove_watch_by_filename(path.c_str());
+    if (isWatched) {
+      const std::string folder = FolderLookup::normalised(path);
+      m_notify->x_inotifytools_remove_watch_by_filename(folder.c_str());
+    }
     if (isWatched) m_roots.erase(known);
     if (error != 0) {
       WatchHealth::instance().set(path, stateAfter(error), error);
@@ -389,6 +453,7 @@ void KxTransNotifyAgent::checkRoot(const KxTransFileSetting& setting) {
   KX_LOG_LEVEL(3, "[notify] folder %s is there, watch and scan it\n", path.c_str());
   watchRoot(setting);
   KxTransFileScanner::getInstance()->addFolder(setting);
+  wakeScanner();
 }
 
 void KxTransNotifyAgent::recoverLostEvents() {
@@ -397,6 +462,7 @@ void KxTransNotifyAgent::recoverLostEvents() {
   // Folders that were created meanwhile are not watched yet.
   for (const KxTransFileSetting& setting : m_config->getFolderSettings()) watchRoot(setting);
   if (mustScan) KxTransFileScanner::getInstance()->buildAll();
+  wakeScanner();
 }
 
 KxTransFileSetting KxTransNotifyAgent::settingOf(const std::string& path) {
@@ -408,7 +474,7 @@ KxTransFileSetting KxTransNotifyAgent::settingOf(const std::string& path) {
 void KxTransNotifyAgent::handleEvent(inotify_event* event) {
   const EventAction action = actionOf(event->mask);
   if (action == EventAction::Recover) return recoverLostEvents();
-  if (action == EventAction::LookAtRoots) return checkRoots();
+  if (action == EventAction::LookAtRoots) return leaveVolume(translateEvent(event));
   const std::string name = event->name;
   const bool isFolder = (event->mask & IN_ISDIR) != 0;
   if (!isFolder && !isVideoName(name)) {
@@ -432,6 +498,19 @@ void KxTransNotifyAgent::handleEvent(inotify_event* event) {
   default:
     return;
   }
+}
+
+// The watches of a file system end with it, also when it is mounted again before anybody looks.
+void KxTransNotifyAgent::leaveVolume(const std::string& folder) {
+  bool isKnown = m_volumes.erase(folder) > 0;
+  {
+    ScopedMutexLock lock(m_mutex);
+    isKnown |= std::erase_if(m_roots, [&](const auto& root) {
+                 return FolderLookup::normalised(root.first) == folder;
+               }) > 0;
+  }
+  // Each of its folders tells.
+  if (isKnown) checkRoots();
 }
 
 void KxTransNotifyAgent::enterFolder(const std::string& path, const std::string& name) {

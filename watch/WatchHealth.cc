@@ -1,5 +1,6 @@
 #include "watch/WatchHealth.h"
 
+#include <algorithm>
 #include <ctime>
 
 WatchHealth& WatchHealth::instance() {
@@ -56,14 +57,25 @@ bool WatchHealth::needsRepair() const {
   return m_repaired < m_losses;
 }
 
-void WatchHealth::setScanning(const std::string& folder) {
+void WatchHealth::dropRepair() {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_scanning = folder;
+  m_isRepairAsked = false;
+}
+
+void WatchHealth::addScanning(const std::string& folder) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_scanning.push_back(folder);
+}
+
+void WatchHealth::removeScanning(const std::string& folder) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  const auto found = std::find(m_scanning.begin(), m_scanning.end(), folder);
+  if (found != m_scanning.end()) m_scanning.erase(found);
 }
 
 void WatchHealth::fill(KxWatchStatus& status) const {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  status.scanning = m_scanning;
+  if (!m_scanning.empty()) status.scanning = m_scanning.front();
   status.lostEvents = m_losses;
   status.lastLost = m_lastLoss;
   status.needsScan = m_repaired < m_losses;

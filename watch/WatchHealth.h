@@ -3,6 +3,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "KxTransFileMonitor.h"
 
@@ -26,8 +27,12 @@ class WatchHealth {
   int64_t beginRepair();
   void endRepair(int64_t losses);
   bool needsRepair() const;
+  // The scan that was asked for will not come.
+  void dropRepair();
 
-  void setScanning(const std::string& folder);
+  // Walks begin and end, also several at a time.
+  void addScanning(const std::string& folder);
+  void removeScanning(const std::string& folder);
 
   // Fills what is known here for the folders that are listed.
   void fill(KxWatchStatus& status) const;
@@ -40,18 +45,23 @@ class WatchHealth {
 
   mutable std::mutex m_mutex;
   std::map<std::string, State> m_states;
-  std::string m_scanning;
+  std::vector<std::string> m_scanning;
   int64_t m_losses = 0;
   int64_t m_repaired = 0;
   int64_t m_lastLoss = 0;
   bool m_isRepairAsked = false;
 };
 
-// Names the folder that is being scanned while it lives.
+// Names a folder that is being scanned while it lives.
 class ScanningMark {
  public:
-  explicit ScanningMark(const std::string& folder) { WatchHealth::instance().setScanning(folder); }
-  ~ScanningMark() { WatchHealth::instance().setScanning(""); }
+  explicit ScanningMark(std::string folder) : m_folder(std::move(folder)) {
+    WatchHealth::instance().addScanning(m_folder);
+  }
+  ~ScanningMark() { WatchHealth::instance().removeScanning(m_folder); }
   ScanningMark(const ScanningMark&) = delete;
   ScanningMark& operator=(const ScanningMark&) = delete;
+
+ private:
+  const std::string m_folder;
 };

@@ -186,6 +186,42 @@ TEST_F(Monitor, ADeletedFolderWithinAnotherBelongsToThatOne) {
   EXPECT_THAT(jobs(), ElementsAre("a/in/y.mp4:4", "a/in/later.mp4:4"));
 }
 
+TEST_F(Monitor, AFolderWithRunsOfSlashesIsForgottenCompletely) {
+  video("a/x.mp4");
+  ASSERT_EQ(monitor->startAll(), 0);
+  ASSERT_EQ(monitor->addFolder(media("") + "/a//", "4"), 0);
+  ASSERT_TRUE(settles({"a/x.mp4:4"}));
+  video("a/y.mp4");
+  ASSERT_TRUE(settles({"a/x.mp4:4", "a/y.mp4:4"}));
+  EXPECT_EQ(monitor->addFolder(media("a"), "4"), 1);
+  EXPECT_EQ(monitor->delFolder(media("a")), 0);
+  EXPECT_TRUE(settles({}));
+}
+
+TEST_F(Monitor, DeletingAFolderQueuesWhatBelongsToOthersThoughTheScannerIsStopped) {
+  video("a/in/y.mp4");
+  ASSERT_EQ(monitor->addFolder(media("a"), "4"), 0);
+  ASSERT_EQ(monitor->addFolder(media("a/in"), "8"), 0);
+  ASSERT_TRUE(isScanned());
+  ASSERT_EQ(monitor->stopScanner(), 0);
+  EXPECT_EQ(monitor->delFolder(media("a")), 0);
+  EXPECT_TRUE(settles({"a/in/y.mp4:8"}));
+}
+
+TEST_F(Monitor, AFolderIsAwayWhenItIsMissingOrEmpty) {
+  video("a/sub/x.mp4");
+  ASSERT_EQ(monitor->addFolder(media("a"), "4"), 0);
+  const std::string file = media("a/sub/x.mp4");
+  EXPECT_FALSE(monitor->isAway(file));
+  EXPECT_FALSE(monitor->isAway(media("b/x.mp4"))) << "nobody watches it";
+  fs::rename(media("a"), media("elsewhere"));
+  EXPECT_TRUE(monitor->isAway(file));
+  folder("a");
+  EXPECT_TRUE(monitor->isAway(file));
+  video("a/y.mp4");
+  EXPECT_FALSE(monitor->isAway(file)) << "the folder is there and the file is not";
+}
+
 TEST_F(Monitor, BuildsOneFolderOrAllOfThem) {
   video("a/x.mp4");
   video("b/y.mp4");

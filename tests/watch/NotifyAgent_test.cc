@@ -1,6 +1,8 @@
 #include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +16,7 @@
 #include "KxTransFileScanner.h"
 #include "KxTransNotifyAgent.h"
 #include "frame/UniqueFd.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/watch/WatchWorld.h"
 
 namespace fs = std::filesystem;
@@ -22,6 +25,24 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
+
+// Shows a folder at a second place, or an empty file system, while it lives.
+class Mounted {
+ public:
+  Mounted(const std::string& source, std::string target) : m_target(std::move(target)) {
+    m_isMounted = source.empty()
+                      ? mount("none", m_target.c_str(), "tmpfs", 0, "") == 0
+                      : mount(source.c_str(), m_target.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  }
+  Mounted(const Mounted&) = delete;
+  Mounted& operator=(const Mounted&) = delete;
+  ~Mounted() { umount2(m_target.c_str(), MNT_DETACH); }
+  bool isMounted() const { return m_isMounted; }
+
+ private:
+  const std::string m_target;
+  bool m_isMounted;
+};
 
 // The agent on real watches: "a" (target 4) and "b" (target 8) are watched.
 class NotifyAgent : public WatchWorld {
@@ -364,6 +385,25 @@ TEST_F(NotifyAgent, UpdateAndMoveReachTheListAndTheWatches) {
   EXPECT_EQ(agent->updateFolder(KxTransFileSetting(media("c"), "1")), 1);
   video("a/x.mp4");
   EXPECT_TRUE(settles({"a/x.mp4:1"}));
+  EXPECT_EQ(agent->moveFolder(media("a"), media("moved/a")), 0);
+  alignas(inotify_event) char buffer[sizeof(inotify_event) + 16] = {};
+  auto* event = reinterpret_cast<inotify_event*>(buffer);
+  strcpy(event->name, "x.mp4");
+  event->wd = 1;
+  EXPECT_EQ(agent->translateEvent(event), media("moved/a/x.mp4"));
+}
+
+TEST_F(NotifyAgent, ItNeedsAFolderList) {
+  ASSERT_EQ(monitor->stopAll(), 0);
+  ASSERT_EQ(agent->uninit(), 0);
+  EXPECT_EQ(agent->start(), 1);
+  EXPECT_EQ(agent->stop(), 1);
+  EXPECT_EQ(agent->uninit(), 1);
+  EXPECT_EQ(agent->init(0, nullptr), 1);
+  KxTransFileConfig empty;
+  ASSERT_EQ(agent->init(0, &empty), 0);
+  EXPECT_EQ(agent->start(), 0);
+  EXPECT_EQ(agent->stop(), 0);
 }
 
 TEST_F(NotifyAgent, TheEventQueueOverflowingIsShownAndRepaired) {
@@ -389,12 +429,10 @@ TEST_F(NotifyAgent, TheEventQueueOverflowingIsShownAndRepaired) {
   }
   ASSERT_TRUE(waitUntil([this] { return monitor->getWatchStatus().lostEvents > 0; }));
   const KxWatchStatus status = monitor->getWatchStatus();
-  EXPECT_TRUE(status.needsScan);
   EXPECT_NEAR(static_cast<double>(status.lastLost), static_cast<double>(time(nullptr)), 20);
   EXPECT_TRUE(log.has(3, "KxTransNotifyAgent",
                       "[notify] events were lost, watch and scan everything again\n"));
-  EXPECT_TRUE(waitUntil([this] { return monitor->getWatchStatus().queuedScans == 1; }));
-  ASSERT_EQ(monitor->startScanner(), 0);
+  // The scanner was stopped; nobody but the agent starts it.
   EXPECT_TRUE(settles({"a/trigger.mp4:4", "a/lost.mp4:4", "b/lostdir/lost.mp4:8"}));
   EXPECT_TRUE(waitUntil([this] { return !monitor->getWatchStatus().needsScan; }));
   // The folder whose creation was lost is watched now.
@@ -415,7 +453,6 @@ TEST_F(NotifyAgent, AFolderOfTheListThatIsDeletedAndComesBackIsWatchedAgain) {
   EXPECT_THAT(jobs(), ElementsAre("a/x.mp4:4"));
   video("away/elsewhere.mp4");
   fs::rename(media("away"), media("a"));
-  ASSERT_EQ(monitor->startScanner(), 0);
   kill(getpid(), SIGHUP);
   EXPECT_TRUE(hasState("a", WATCH_ON));
   EXPECT_TRUE(settles({"a/x.mp4:4", "a/elsewhere.mp4:4"}));
@@ -458,6 +495,167 @@ TEST_F(NotifyAgent, AFolderWhoseVolumeIsNotMountedKeepsItsJobs) {
   folder("a");
   ASSERT_EQ(monitor->startNotify(), 0);
   EXPECT_THAT(jobs(), ElementsAre("a/x.mp4:4"));
+}
+
+// A folder that is seen at two places stands for a volume: its files stay when it goes.
+TEST_F(NotifyAgent, AVolumeThatGoesAndComesBackKeepsItsJobs) {
+  folder("volume");
+  const Mounted mounted(media("volume"), media("a"));
+  if (!mounted.isMounted()) GTEST_SKIP() << "mounting is not allowed here";
+  kill(getpid(), SIGHUP);
+  EXPECT_TRUE(waitUntil([this] {
+    return log.has("[notify] folder " + media("a") + " is there, watch and scan it\n");
+  }));
+  video("a/x.mp4");
+  EXPECT_TRUE(settles({"a/x.mp4:4"}));
+  EXPECT_FALSE(monitor->isAway(media("a/x.mp4")));
+  log.clear();
+  ASSERT_EQ(umount(media("a").c_str()), 0);
+  EXPECT_TRUE(monitor->isAway(media("a/x.mp4")));
+  kill(getpid(), SIGHUP);
+  EXPECT_TRUE(waitUntil([this] { return log.has("#path: " + media("a") + "\n"); }))
+      << "the empty folder is watched and scanned";
+  // What happens to the volume meanwhile is not seen here.
+  video("volume/y.mp4");
+  ASSERT_TRUE(isQuiet());
+  EXPECT_THAT(jobs(), ElementsAre("a/x.mp4:4"));
+  fs::remove_all(media("a"));
+  folder("a");
+  ASSERT_EQ(mount(media("volume").c_str(), media("a").c_str(), nullptr, MS_BIND, nullptr), 0);
+  kill(getpid(), SIGHUP);
+  EXPECT_TRUE(settles({"a/x.mp4:4", "a/y.mp4:4"}));
+  video("a/z.mp4");
+  EXPECT_TRUE(settles({"a/x.mp4:4", "a/y.mp4:4", "a/z.mp4:4"}));
+}
+
+TEST_F(NotifyAgent, AFileSystemThatIsUnmountedIsNoticedAtOnce) {
+  const Mounted mounted("", media("a"));
+  if (!mounted.isMounted()) GTEST_SKIP() << "mounting is not allowed here";
+  kill(getpid(), SIGHUP);
+  EXPECT_TRUE(waitUntil([this] { return log.hasPart(" is there, watch and scan it\n"); }));
+  video("a/sub/x.mp4");
+  EXPECT_TRUE(settles({"a/sub/x.mp4:4"}));
+  log.clear();
+  ASSERT_EQ(umount(media("a").c_str()), 0);
+  EXPECT_TRUE(waitUntil([this] { return log.hasPart(" is there, watch and scan it\n"); },
+                        std::chrono::seconds(3)));
+  EXPECT_THAT(jobs(), ElementsAre("a/sub/x.mp4:4"));
+}
+
+TEST_F(NotifyAgent, AFileSystemThatIsMountedAgainBeforeAnybodyLooksIsWatchedAgain) {
+  folder("a/usb");
+  const Mounted root(std::string(), media("b"));
+  const Mounted below(std::string(), media("a/usb"));
+  if (!root.isMounted() || !below.isMounted()) GTEST_SKIP() << "mounting is not allowed here";
+  kill(getpid(), SIGHUP);
+  video("a/usb/x.mp4");
+  video("b/x.mp4");
+  EXPECT_TRUE(settles({"a/usb/x.mp4:4", "b/x.mp4:8"}));
+  {
+    // Keeps the worker at its event.
+    const StoreGuard lock;
+    video("a/trigger.mp4");
+    for (const char* name : {"a/usb", "b"}) {
+      ASSERT_EQ(umount(media(name).c_str()), 0);
+      ASSERT_EQ(mount("none", media(name).c_str(), "tmpfs", 0, ""), 0);
+    }
+  }
+  EXPECT_TRUE(waitUntil(
+      [this] {
+        return log.hasPart("[notify] folder " + media("b") + " is there") &&
+               log.hasPart("[notify] a volume below " + media("a") + " came or went");
+      },
+      std::chrono::seconds(3)));
+  video("a/usb/y.mp4");
+  video("b/y.mp4");
+  EXPECT_TRUE(waitUntil([this] { return jobs().size() == 5; }));
+}
+
+TEST_F(NotifyAgent, AVolumeMountedBelowAFolderOfTheListIsWatchedToo) {
+  folder("volume/deep");
+  folder("a/usb");
+  video("volume/deep/before.mp4");
+  ASSERT_TRUE(isQuiet());
+  const Mounted mounted(media("volume"), media("a/usb"));
+  if (!mounted.isMounted()) GTEST_SKIP() << "mounting is not allowed here";
+  kill(getpid(), SIGHUP);
+  EXPECT_TRUE(settles({"a/usb/deep/before.mp4:4"}));
+  EXPECT_TRUE(log.has(3, "KxTransNotifyAgent",
+                      "[notify] a volume below " + media("a") +
+                          " came or went, watch and scan the folder\n"));
+  video("a/usb/deep/later.mp4");
+  EXPECT_TRUE(settles({"a/usb/deep/before.mp4:4", "a/usb/deep/later.mp4:4"}));
+  log.clear();
+  ASSERT_EQ(umount(media("a/usb").c_str()), 0);
+  kill(getpid(), SIGHUP);
+  EXPECT_TRUE(waitUntil([this] { return log.hasPart(" came or went, "); }));
+  video("volume/deep/elsewhere.mp4");
+  video("a/usb/here.mp4");
+  EXPECT_TRUE(waitUntil([this] { return jobs().size() == 3; }));
+  EXPECT_THAT(jobs(), testing::Contains("a/usb/here.mp4:4"));
+  EXPECT_EQ(monitor->getFolderSize(), 2);
+}
+
+TEST_F(NotifyAgent, TenThousandFoldersAreWatched) {
+  ASSERT_EQ(monitor->stopNotify(), 0);
+  const int count = kxtest::kThreadSanitizer || kxtest::kAddressSanitizer ? 1000 : 10000;
+  for (int i = 0; i < count; ++i)
+    fs::create_directories(media("a/" + std::to_string(i / 100) + "/" + std::to_string(i)));
+  ASSERT_EQ(monitor->startNotify(), 0);
+  ASSERT_EQ(state("a").state, WATCH_ON);
+  std::vector<std::string> wanted;
+  for (int i = 0; i < count; i += 199) {
+    const std::string name = "a/" + std::to_string(i / 100) + "/" + std::to_string(i) + "/x.mp4";
+    video(name);
+    wanted.push_back(name + ":4");
+  }
+  EXPECT_TRUE(settles(wanted));
+}
+
+TEST_F(NotifyAgent, AFolderThatMayNotBeReadIsLoggedAndTheRestWatched) {
+  folder("a/closed");
+  folder("a/open");
+  ASSERT_TRUE(isQuiet());
+  ASSERT_EQ(monitor->stopNotify(), 0);
+  fs::permissions(m_media.path(), fs::perms::all);
+  fs::permissions(media("a/closed"), fs::perms::none);
+  log.clear();
+  // The call itself changes the rights of one thread, and of the worker that it makes.
+  std::thread stranger([this] {
+    if (geteuid() == 0) {
+      ASSERT_EQ(syscall(SYS_setresuid, 65534, 65534, 65534), 0);
+    }
+    EXPECT_EQ(monitor->startNotify(), 0);
+  });
+  stranger.join();
+  EXPECT_TRUE(
+      log.has(3, "F2notify",
+              "can not watch " + media("a/closed/") + ", errno=13, strerror=Permission denied\n"));
+  EXPECT_EQ(state("a").state, WATCH_ON);
+  video("a/open/x.mp4");
+  EXPECT_TRUE(settles({"a/open/x.mp4:4"}));
+  ASSERT_EQ(monitor->stopNotify(), 0);
+  fs::permissions(media("a/closed"), fs::perms::all);
+}
+
+TEST_F(NotifyAgent, StoppingScansEndsTheWalksOfAStartButNotItsWatches) {
+  ASSERT_EQ(monitor->stopNotify(), 0);
+  for (int i = 0; i < 50; ++i) video("a/" + std::to_string(i) + ".mp4");
+  video("b/x.mp4");
+  std::thread starter;
+  {
+    const StoreGuard lock;
+    starter = std::thread([this] { EXPECT_EQ(monitor->startNotify(), 0); });
+    ASSERT_TRUE(waitUntil([this] { return monitor->getWatchStatus().scanning == media("a"); }));
+    EXPECT_EQ(monitor->stopScanner(), 0);
+  }
+  starter.join();
+  EXPECT_LT(jobs().size(), 3U);
+  EXPECT_EQ(monitor->getWatchStatus().scanning, "");
+  EXPECT_EQ(state("b").state, WATCH_ON);
+  ASSERT_EQ(monitor->startScanner(), 0);
+  EXPECT_EQ(monitor->buildAllFolder(), 0);
+  EXPECT_TRUE(waitUntil([this] { return jobs().size() == 51U; }));
 }
 
 TEST_F(NotifyAgent, StopEndsALongStart) {

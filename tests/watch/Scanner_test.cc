@@ -302,6 +302,24 @@ TEST_F(Scanner, StartAndStopInQuickSuccessionNeverHang) {
   }
 }
 
+TEST_F(Scanner, ItNeedsAFolderList) {
+  EXPECT_EQ(scanner->init(nullptr), 1);
+}
+
+TEST_F(Scanner, RunsOfSlashesInAFoldersPathMakeNoOtherFolder) {
+  video("in/sub/a.mp4");
+  video("in/b.mp4");
+  scan(media("in"));
+  deleteAllJobs();
+  EXPECT_EQ(scan(media("") + "/in//"), 0);
+  EXPECT_THAT(jobs(), IsEmpty());
+  ASSERT_EQ(scanner->start(), 0);
+  EXPECT_EQ(scanner->updateFolder({media("") + "/in//", "8"}), 0);
+  ASSERT_TRUE(isIdle());
+  EXPECT_THAT(jobs(), ElementsAre("in/b.mp4:8"));
+  EXPECT_THAT(records(), ElementsAre("in/b.mp4:now", "in/sub/a.mp4:now"));
+}
+
 TEST_F(Scanner, AFolderThatLeavesTheListDuringItsScanQueuesNothingMore) {
   for (int i = 0; i < 20; ++i) video("a/" + std::to_string(i) + ".mp4");
   ASSERT_EQ(m_config.addFolder({media("a"), "4"}), 0);

@@ -142,6 +142,23 @@ TEST_F(SettleTest, JobsOfClientsAreNotHeldBack) {
   EXPECT_TRUE(watched.nextLook());
 }
 
+TEST_F(SettleTest, AJobWhoseVolumeIsAwayWaitsForIt) {
+  initMonitor();
+  folder("in");
+  ASSERT_EQ(monitor->addFolder(media("in"), "4"), 0);
+  ASSERT_EQ(monitor->stopAll(), 0);
+  WatchedJobs watched(1s);
+  const KxDBTaskParam job = queue(video("in/a.mp4"), 4);
+  std::filesystem::rename(media("in"), media("away"));
+  EXPECT_EQ(judge(watched, job), Verdict::Wait) << "the folder is missing";
+  folder("in");
+  EXPECT_EQ(judge(watched, job), Verdict::Wait) << "the folder is empty";
+  video("in/b.mp4");
+  EXPECT_EQ(judge(watched, job), Verdict::Start) << "the file is gone, and the job will say so";
+  std::filesystem::rename(media("away/a.mp4"), media("in/a.mp4"));
+  EXPECT_TRUE(waitUntil([&] { return judge(watched, job) == Verdict::Start; }));
+}
+
 TEST_F(SettleTest, RowsOfEarlierStatesOfASourceBecomeOne) {
   WatchedJobs watched(1s);
   std::vector<KxDBTaskParam> queued;

@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -37,6 +39,25 @@ double secondsOf(const std::string& video) {
                                  "-of", "csv=p=0", "file:" + video});
   return text ? atof(text->c_str()) : 0;
 }
+
+// A folder that is seen at a second place, as a volume is, while this lives.
+class Volume {
+ public:
+  Volume(std::string source, std::string target)
+      : m_source(std::move(source)), m_target(std::move(target)), m_isMounted(mountAgain()) {}
+  Volume(const Volume&) = delete;
+  Volume& operator=(const Volume&) = delete;
+  ~Volume() { umount2(m_target.c_str(), MNT_DETACH); }
+  bool isMounted() const { return m_isMounted; }
+  bool mountAgain() const {
+    return mount(m_source.c_str(), m_target.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  }
+
+ private:
+  const std::string m_source;
+  const std::string m_target;
+  const bool m_isMounted;
+};
 
 class WatchSystem : public testing::Test {
  protected:
@@ -86,6 +107,14 @@ class WatchSystem : public testing::Test {
     std::vector<std::string> argv = {program("xcodectl"), "--json", "--socket", socket()};
     argv.insert(argv.end(), words.begin(), words.end());
     return kxtest::run(argv);
+  }
+  // What a request that is refused says, with its exit status.
+  std::string refusal(std::vector<std::string> words) const {
+    std::vector<std::string> argv = {
+        "/bin/sh",  "-c",    "exec 2>&1; \"$@\"; echo \"exit $?\"", "sh", program("xcodectl"),
+        "--socket", socket()};
+    argv.insert(argv.end(), words.begin(), words.end());
+    return kxtest::run(argv).value_or("");
   }
   json status() const {
     const auto text = ctl({"folder", "list"});
@@ -301,6 +330,63 @@ TEST_F(WatchSystem, TheListSurvivesAKilledServiceAndItsStartFindsWhatCame) {
   ASSERT_TRUE(isDoneOnce("in/a.mp4"));
 }
 
+TEST_F(WatchSystem, AVolumeThatIsUnmountedKeepsItsJobsAndTheyRunWhenItIsBack) {
+  fs::create_directory(media("volume"));
+  const Volume volume(media("volume"), media("in"));
+  if (!volume.isMounted()) GTEST_SKIP() << "mounting is not allowed here";
+  watch("in");
+  ASSERT_TRUE(ctl({"pause"}));
+  fs::copy_file(m_clip, media("in/a.mp4"));
+  ASSERT_TRUE(waitUntil([this] { return count("in/a.mp4") == 1; }));
+  ASSERT_EQ(umount(media("in").c_str()), 0);
+  ASSERT_TRUE(ctl({"resume"}));
+  expectNothingFor("in/a.mp4", seconds(3));
+  EXPECT_EQ(count("in/a.mp4", JOB_WAITING), 1);
+  ASSERT_TRUE(waitUntil([this] {
+    return kxtest::readFile(m_dir / "log").find(media("in") + " is there, watch and scan it") !=
+           std::string::npos;
+  }));
+  fs::copy_file(m_clip, media("volume/b.mp4"));
+  ASSERT_TRUE(volume.mountAgain());
+  ASSERT_TRUE(waitUntil([this] { return count("in/b.mp4") == 1; }));
+  ASSERT_TRUE(isDoneOnce("in/a.mp4"));
+  ASSERT_TRUE(isDoneOnce("in/b.mp4"));
+}
+
+TEST_F(WatchSystem, AFolderThatIsDeletedIsListedAsMissingAndWatchedAgainWhenItIsBack) {
+  watch("in");
+  fs::copy_file(m_clip, media("in/a.mp4"));
+  ASSERT_TRUE(isDoneOnce("in/a.mp4"));
+  fs::remove_all(media("in"));
+  ASSERT_TRUE(waitUntil([this] { return status().at("folders").at(0).at("state") == "missing"; }));
+  EXPECT_TRUE(jobs().empty());
+  const auto text = kxtest::run({program("xcodectl"), "--socket", socket(), "folder", "list"});
+  EXPECT_NE(text.value_or("").find("missing  " + media("in")), std::string::npos) << *text;
+  // Not even a service that was told to stop scanning needs another word.
+  ASSERT_TRUE(ctl({"scan", "--stop"}));
+  fs::create_directory(media("in"));
+  fs::copy_file(m_clip, media("in/b.mp4"));
+  ASSERT_TRUE(waitUntil([this] { return count("in/b.mp4") == 1; }));
+  ASSERT_TRUE(isDoneOnce("in/b.mp4"));
+  EXPECT_EQ(status().at("folders").at(0).at("state"), "watched");
+}
+
+TEST_F(WatchSystem, NamesOfAnyBytesAreTranscoded) {
+  watch("in");
+  const std::vector<std::string> names = {"a\nb.mp4", "\"q\" 'r' $x;.mp4", "100%_x.mp4",
+                                          "\xff\xfe.mp4", std::string(220, 'n') + ".mp4"};
+  for (const std::string& name : names) fs::copy_file(m_clip, media("in/" + name));
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        return std::all_of(names.begin(), names.end(), [&](const std::string& name) {
+          return fs::exists(result("in/" + name));
+        });
+      },
+      kLong))
+      << jobs().dump(1, ' ', false, json::error_handler_t::replace);
+  EXPECT_EQ(jobs().size(), names.size());
+}
+
 TEST_F(WatchSystem, FoldersThatCannotBeWatchedAreRefusedWithAReason) {
   fs::create_directory_symlink(media("in"), media("link"));
   fs::create_directory_symlink("/proc", media("proc"));
@@ -311,7 +397,34 @@ TEST_F(WatchSystem, FoldersThatCannotBeWatchedAreRefusedWithAReason) {
   EXPECT_FALSE(ctl({"folder", "add", media("in")})) << "no profile";
   EXPECT_TRUE(status().at("folders").empty());
   watch("in");
-  EXPECT_FALSE(ctl({"folder", "add", media("in") + "/", "--all"})) << "it is there already";
+  // Each refusal says why.
+  const auto said = [&](const std::string& verb, const std::string& path) {
+    return refusal({"folder", verb, path, "--all"});
+  };
+  const auto says = [](const std::string& text) { return "xcodectl: " + text + "\nexit 1\n"; };
+  EXPECT_EQ(said("add", media("in") + "/"), says("the folder is watched already"));
+  EXPECT_EQ(said("update", media("absent")), says("the folder is not watched"));
+  EXPECT_EQ(refusal({"folder", "remove", media("absent")}), says("the folder is not watched"));
+  EXPECT_EQ(said("add", media("absent")), says("there is no folder " + media("absent")));
+  EXPECT_EQ(said("add", m_clip), says(m_clip + " is not a folder"));
+  EXPECT_EQ(said("add", media("link") + "/"),
+            says(media("link") + " is a link; watch the folder that it leads to"));
+  EXPECT_EQ(said("add", "/"), says("the whole file system cannot be watched"));
+  EXPECT_EQ(said("add", "/dev/shm"), says("/dev cannot be watched"));
+  EXPECT_EQ(said("add", fs::path(media("in")).parent_path() / "@Transcode"),
+            says("there is no folder " + media("@Transcode")));
+  fs::create_directory(media("@Transcode"));
+  EXPECT_EQ(said("add", media("@Transcode")), says("the service's own folders cannot be watched"));
+  EXPECT_NE(refusal({"folder", "add", media("in"), "--profile", "x"}).find("exit 2\n"),
+            std::string::npos);
+  // A path that is not absolute is one of the client's.
+  fs::create_directory(media("other"));
+  const auto watched = kxtest::run({"/bin/sh", "-c", "cd \"$1\" && shift && exec \"$@\"", "sh",
+                                    media("in"), program("xcodectl"), "--socket", socket(),
+                                    "folder", "add", "../other/", "--all"});
+  EXPECT_NE(watched.value_or("").find(media("other") + " is watched for mobile240p,"),
+            std::string::npos);
+  ASSERT_TRUE(ctl({"folder", "remove", media("other")}));
   EXPECT_EQ(json::parse(*ctl({"config"})).at("text"), media("in") + ":1\n");
 }
 
