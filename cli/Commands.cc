@@ -263,6 +263,8 @@ int Commands::show(int64_t id) {
     table.push_back({"Subtitle track", std::to_string(integer(row, "sid"))});
   if (!string(row, "subtitle").empty())
     table.push_back({"Subtitle", printable(string(row, "subtitle"))});
+  if (!string(row, "waitsFor").empty())
+    table.push_back({"Waits for", printable(string(row, "waitsFor"))});
   if (!string(row, "reason").empty()) table.push_back({"Reason", printable(string(row, "reason"))});
   printf("%s", tableText(table).c_str());
   const auto outputs = row.find("outputs");
@@ -338,25 +340,37 @@ int Commands::watch(bool once) {
   }
 }
 
+// The row of a job that has ended; a job that is gone counts as cancelled. Tells once when
+// something keeps it waiting that may never pass.
+nlohmann::json Commands::rowAtEnd(int64_t id) {
+  bool isTold = false;
+  for (auto pause = std::chrono::milliseconds(20);;
+       pause = std::min(pause * 2, std::chrono::milliseconds(500))) {
+    nlohmann::json row;
+    try {
+      row = jobRow(id);
+    } catch (const Failure& failure) {
+      if (failure.code() != kExitFailed) throw;
+      return {{"id", id}, {"status", JOB_CANCELLED}, {"reason", failure.what()}};
+    }
+    const int status = static_cast<int>(integer(row, "status"));
+    if (status != JOB_WAITING && status != JOB_RUNNING) return row;
+    const std::string obstacle = string(row, "waitsFor");
+    if (!obstacle.empty() && !isTold) {
+      fprintf(stderr, "xcodectl: Job %ld waits for %s\n", static_cast<long>(id),
+              printable(obstacle).c_str());
+      isTold = true;
+    }
+    std::this_thread::sleep_for(pause);
+  }
+}
+
 int Commands::wait(const std::vector<int64_t>& ids) {
   ExitCode worst = kExitOk;
   nlohmann::json ended = nlohmann::json::array();
   for (int64_t id : ids) {
-    nlohmann::json row;
-    int status = JOB_WAITING;
-    auto pause = std::chrono::milliseconds(20);
-    for (;;) {
-      try {
-        row = jobRow(id);
-      } catch (const Failure& failure) {
-        if (failure.code() != kExitFailed) throw;
-        row = {{"id", id}, {"status", JOB_CANCELLED}, {"reason", failure.what()}};
-      }
-      status = static_cast<int>(integer(row, "status"));
-      if (status != JOB_WAITING && status != JOB_RUNNING) break;
-      std::this_thread::sleep_for(pause);
-      pause = std::min(pause * 2, std::chrono::milliseconds(500));
-    }
+    const nlohmann::json row = rowAtEnd(id);
+    const int status = static_cast<int>(integer(row, "status"));
     const std::string reason = string(row, "reason");
     if (m_json) {
       ended.push_back(row);

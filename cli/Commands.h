@@ -84,6 +84,7 @@ class Commands {
   nlohmann::json allRows(KxCommand_e command);
   nlohmann::json queryPage(const ListOptions& options, int limit, int offset, int64_t& total);
   nlohmann::json jobRow(int64_t id);
+  nlohmann::json rowAtEnd(int64_t id);
   int simple(KxCommand_e command, const std::string& done);
   int forEachId(KxCommand_e command, const std::vector<int64_t>& ids, const std::string& done);
   void print(const nlohmann::json& value) const;

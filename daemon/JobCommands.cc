@@ -15,6 +15,7 @@
 #include "daemon/AccessRule.h"
 #include "daemon/FolderWatch.h"
 #include "daemon/LibraryLocks.h"
+#include "daemon/VolumeRoom.h"
 
 namespace xcoded {
 namespace {
@@ -292,6 +293,7 @@ Answer JobCommands::show(int, const KxSockData_s& request) {
   }
   nlohmann::json object = jobToJson(job);
   object["reason"] = reason;
+  if (job.status == JOB_WAITING) object["waitsFor"] = roomFault(job);
   object["outputs"] = outputsOf(job);
   return Answer::object(object);
 }

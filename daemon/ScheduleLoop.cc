@@ -201,10 +201,26 @@ int ScheduleLoop::slotsNow(const std::vector<KxDBTaskParam>& units) {
   return freeSlots(state);
 }
 
+// Told once for each time that a job begins to wait for room.
+bool ScheduleLoop::hasRoom(const KxDBTaskParam& job, RoomLedger& room) {
+  if (room.reserve(job)) {
+    m_withoutRoom.erase(job.id);
+    return true;
+  }
+  if (m_withoutRoom.size() >= kMaxSkipped) m_withoutRoom.clear();
+  const std::string fault = roomFault(job);
+  // Without a fault only the jobs that run now are in its way.
+  if (!fault.empty() && m_withoutRoom.insert(job.id).second) {
+    KX_LOG_LEVEL(3, "job %ld of %s waits for %s\n", static_cast<long>(job.id), job.src.c_str(),
+                 fault.c_str());
+  }
+  return false;
+}
+
 // False when the job keeps waiting.
 bool ScheduleLoop::startJob(const KxDBTaskParam& job, RoomLedger& room) {
   const auto isRunning = [this] { return m_server.status() == SVR_RUNNING; };
-  if (isHeld(job) || !room.reserve(job) || !startUnit(job.id, isRunning)) return false;
+  if (isHeld(job) || !hasRoom(job, room) || !startUnit(job.id, isRunning)) return false;
   m_startTimes[job.id] = Clock::now();
   m_hasWorked = true;
   return true;

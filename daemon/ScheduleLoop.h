@@ -6,6 +6,7 @@
 #include <future>
 #include <list>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -78,6 +79,7 @@ class ScheduleLoop {
   void startJobs();
   int slotsNow(const std::vector<KxDBTaskParam>& units);
   bool isHeld(const KxDBTaskParam& job);
+  bool hasRoom(const KxDBTaskParam& job, RoomLedger& room);
   bool startJob(const KxDBTaskParam& job, RoomLedger& room);
   bool waitForUnits(std::chrono::milliseconds limit);
 
@@ -101,6 +103,7 @@ class ScheduleLoop {
   Clock::time_point m_nextHouseKeeping;
   Clock::time_point m_nextResourceCount;
   std::map<int64_t, Clock::time_point> m_startTimes;  // of units, by job
+  std::set<int64_t> m_withoutRoom;                    // jobs that the log told about
 };
 
 }  // namespace xcoded

@@ -18,6 +18,15 @@ std::optional<Volume> volumeOfFile(const std::string& path) {
                 static_cast<int64_t>(room.f_frsize) * static_cast<int64_t>(room.f_bavail)};
 }
 
+std::string roomFault(const KxDBTaskParam& job) {
+  const std::optional<Volume> volume = volumeOfFile(job.src);
+  const int64_t needed = estimateRoom(job);
+  if (!volume || volume->freeBytes >= needed) return "";
+  const auto megabytes = [](int64_t bytes) { return std::to_string(bytes >> 20) + " MB"; };
+  return "room on its volume: " + megabytes(needed) + " may be needed, " +
+         megabytes(volume->freeBytes) + " are free";
+}
+
 int64_t availableMemoryKb() {
   std::ifstream meminfo("/proc/meminfo");
   std::string name;

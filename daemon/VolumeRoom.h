@@ -11,6 +11,10 @@ namespace xcoded {
 // The volume that holds a file; nothing when the file's folder is not there.
 std::optional<Volume> volumeOfFile(const std::string& path);
 
+// Why a job cannot start for want of room on the volume of its source; empty when there is
+// enough, or when the volume cannot be found: then the job fails by itself and says why.
+std::string roomFault(const KxDBTaskParam& job);
+
 // Memory that is free for new work, in kilobytes; the total memory when the kernel does not
 // tell.
 int64_t availableMemoryKb();

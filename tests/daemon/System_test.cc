@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -604,6 +605,26 @@ TEST(Daemon, NothingStartsWhileTheDiskIsFull) {
   EXPECT_EQ(numberOf(*daemon.ask(KX_CMD_GET_SVR_STATUS), 3), 0);
   EXPECT_TRUE(waitForEnd(daemon, id)) << "it starts by itself when there is room";
   EXPECT_EQ(daemon.status(id), JOB_DONE);
+}
+
+TEST(Daemon, AJobWithoutRoomOnItsVolumeWaitsAndSaysSo) {
+  const DaemonRoot root;
+  // Takes no room itself; its results might.
+  kxtest::writeFile(root.media("vast.mp4"), "");
+  fs::resize_file(root.media("vast.mp4"), uintmax_t{1} << 43);
+  makeClip(root.media("small.mp4"), 160, 120);
+  DaemonRun daemon(root);
+  const int64_t vast = daemon.add(root.media("vast.mp4"));
+  const int64_t small = daemon.add(root.media("small.mp4"));
+  ASSERT_TRUE(waitForEnd(daemon, small)) << "the next one is not kept waiting";
+  EXPECT_EQ(daemon.show(vast).at("status"), JOB_WAITING);
+  EXPECT_THAT(std::string(daemon.show(vast).at("waitsFor")),
+              testing::StartsWith("room on its volume: "));
+  EXPECT_FALSE(daemon.show(small).contains("waitsFor"));
+  const std::string log = daemon.log();
+  const std::string line = "vast.mp4 waits for room on its volume: ";
+  ASSERT_NE(log.find(line), std::string::npos);
+  EXPECT_EQ(log.find(line), log.rfind(line)) << "told once";
 }
 
 TEST(Daemon, ChangedLimitsHoldAfterARestart) {

@@ -327,24 +327,6 @@ TEST_F(JobRunner, HostileNamesAreOnlyNames) {
   }
 }
 
-// The encoder is a script that notes how long it took, in nanoseconds.
-TEST_F(JobRunner, AJobTakesLittleMoreThanItsEncoder) {
-  world.setEncoder("begin=$(date +%s%N)\nffmpeg \"$@\" || exit 1\n"
-                   "echo $(($(date +%s%N) - begin)) > '" +
-                   world.media("took") + "'\n");
-  double least = 1e9;
-  for (int i = 0; i < 5; ++i) {
-    const KxDBTaskParam job = world.addJob(clip("film" + std::to_string(i) + ".mp4"), PROFILE_240P);
-    const auto begin = steady_clock::now();
-    expectDone(world.runAgain(job));
-    const std::chrono::duration<double> whole = steady_clock::now() - begin;
-    least = std::min(least, whole.count() - std::stod(readFile(world.media("took"))) / 1e9);
-  }
-  RecordProperty("seconds", std::to_string(least));
-  printf("a job takes %.3f s more than its encoder\n", least);
-  EXPECT_LT(least, 0.2);
-}
-
 // --- rotation
 
 TEST_F(JobRunner, APhoneVideoComesOutUprightWithoutARotation) {
