@@ -654,15 +654,15 @@ int Commands::folderList() {
   }
   printf("%s", table.size() == 1 ? "No folders.\n" : tableText(table).c_str());
   if (!status.value("notify", false) && table.size() > 1) {
-    printf("The folders are not watched yet: they are being looked through, or the log says why "
-           "not.\n");
+    printf("Watching has not begun: the service looks through the folders first, or its log says "
+           "what is wrong.\n");
   }
   const std::string scanning = string(status, "scanning");
   if (!scanning.empty()) printf("Scanning %s.\n", printable(scanning).c_str());
   if (integer(status, "queuedScans") > 0)
-    printf("%ld scans wait.\n", static_cast<long>(integer(status, "queuedScans")));
+    printf("Scans that wait: %ld.\n", static_cast<long>(integer(status, "queuedScans")));
   if (integer(status, "lostEvents") > 0) {
-    printf("Events were lost %ld times, last %s; %s.\n",
+    printf("Times that events were lost: %ld, last %s; %s.\n",
            static_cast<long>(integer(status, "lostEvents")),
            timeText(integer(status, "lastLost")).c_str(),
            status.value("needsScan", false) ? "a scan will repair it" : "a scan has repaired it");

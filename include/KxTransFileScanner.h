@@ -84,7 +84,9 @@ class KxTransFileScanner {
   /// with their own settings.
   int scanFolder(KxTransFileSetting setting);
   /// The same; @p stopped is asked before each entry and ends the walk.
-  int scanFolder(const KxTransFileSetting& setting, const std::function<bool()>& stopped);
+  /// @param followsList the target is the one that the list has, also when that changes meanwhile
+  int scanFolder(const KxTransFileSetting& setting, const std::function<bool()>& stopped,
+                 bool followsList = false);
 
  private:
   KxTransFileScanner();

@@ -40,9 +40,10 @@ class KnownTimes {
 // One walk of scanFolder().
 class Scan {
  public:
-  Scan(KxTransFileConfig& config, const KxTransFileSetting& setting)
+  Scan(KxTransFileConfig& config, const KxTransFileSetting& setting, bool followsList)
       : m_config(config), m_setting(setting),
-        m_top(FolderLookup::normalised(setting.getFilePath())), m_isListed(isListed(m_top)) {}
+        m_top(FolderLookup::normalised(setting.getFilePath())), m_isListed(isListed(m_top)),
+        m_followsList(followsList || listedTarget() == setting.getTarget()) {}
 
   bool enter(const std::string& folder) {
     KxTransFileSetting here = settingFor(folder);
@@ -52,8 +53,7 @@ class Scan {
       KX_LOG_AS("scanFolder", "empty\n");
       return false;
     }
-    m_target = here.getTargetAsInt64();
-    if (m_target < 0) return false;
+    if (here.getTargetAsInt64() < 0) return false;
     m_known.load(folder);
     return true;
   }
@@ -71,9 +71,11 @@ class Scan {
     });
     const int result = withStore([&] {
       if (hasLeft(folder)) return 1;
-      if (queueWatchedFile(folder + name, m_target) == 0) return 0;
+      // As it is now: the list may have changed since the folder was entered.
+      const long long target = settingFor(folder).getTargetAsInt64();
+      if (queueWatchedFile(folder + name, target) == 0) return 0;
       // Nothing may stay recorded that was not queued: no later scan would look at it.
-      if (mayBeQueuedLater(m_target)) store->deleteDBFile(file);
+      if (mayBeQueuedLater(target)) store->deleteDBFile(file);
       return 1;
     });
     if (result == 0) tellQueued();
@@ -84,23 +86,25 @@ class Scan {
     KxTransFileSetting ignored;
     return m_config.getFolderSetting(path, ignored, false) == 0;
   }
+  std::string listedTarget() { return m_config.getTarget(m_top); }
   // The list lost the folder while it was being walked; its jobs are gone already.
   bool hasLeft(const std::string& folder) { return m_isListed && !isListed(folder); }
 
-  // A folder of the list that lies within the walked one has its own target.
+  // A folder of the list that lies within the walked one has its own target. Only a walk that was
+  // asked for with another target than the list has keeps to that.
   KxTransFileSetting settingFor(const std::string& folder) {
     KxTransFileSetting nearest;
     if (m_config.getFolderSetting(folder, nearest, false) != 0) return m_setting;
     const std::string own = FolderLookup::normalised(nearest.getFilePath());
-    return own.size() > m_top.size() ? nearest : m_setting;
+    return m_followsList || own.size() > m_top.size() ? nearest : m_setting;
   }
 
   KxTransFileConfig& m_config;
   const KxTransFileSetting m_setting;
   const std::string m_top;
   const bool m_isListed;
+  const bool m_followsList;
   KnownTimes m_known;
-  long long m_target = 0;
 };
 
 }  // namespace
@@ -313,14 +317,14 @@ int KxTransFileScanner::scanFolder(KxTransFileSetting setting) {
 }
 
 int KxTransFileScanner::scanFolder(const KxTransFileSetting& setting,
-                                   const std::function<bool()>& stopped) {
+                                   const std::function<bool()>& stopped, bool followsList) {
   setting.dump();
   if (setting.isEmpty() || setting.getTarget().empty()) {
     KX_LOG("empty\n");
     return 1;
   }
   const ScanningMark mark(setting.getFilePath());
-  Scan scan(*m_config, setting);
+  Scan scan(*m_config, setting, followsList);
   FolderWalk::Visitor visitor;
   visitor.enter = [&](const std::string& folder) { return scan.enter(folder); };
   visitor.wanted = isVideoName;

@@ -240,7 +240,7 @@ int KxTransNotifyAgent::importFolderFromConfieFile() {
     if (isEnding()) return 1;
     watchRoot(setting);
     if (WatchHealth::instance().stateOf(setting.getFilePath()) == WATCH_MISSING) continue;
-    if (!stopped()) scanner->scanFolder(setting, stopped);
+    if (!stopped()) scanner->scanFolder(setting, stopped, true);
     if (!stopped()) forgetVanished(setting.getFilePath());
   }
   return isEnding() ? 1 : 0;
@@ -520,7 +520,8 @@ void KxTransNotifyAgent::enterFolder(const std::string& path, const std::string&
   setting.setFilePath(path);
   addFolder(setting);
   if (setting.getTarget().empty()) return;
-  KxTransFileScanner::getInstance()->scanFolder(setting, [this] { return !checkStatus(); });
+  KxTransFileScanner::getInstance()->scanFolder(
+      setting, [this] { return !checkStatus(); }, true);
 }
 
 void KxTransNotifyAgent::leaveFolder(const std::string& path) {
@@ -537,10 +538,9 @@ void KxTransNotifyAgent::leaveFolder(const std::string& path) {
 void KxTransNotifyAgent::addFile(const std::string& path, const std::string& name) {
   KX_LOG_AS("handleEvent", "[notify] add file: %s\n", path.c_str());
   const KxTransFileSetting setting = settingOf(path);
-  const long long target = setting.getTargetAsInt64();
   struct stat info {};
-  if (setting.isEmpty() || target < 0 || !isValidPath(path) || lstat(path.c_str(), &info) != 0 ||
-      !S_ISREG(info.st_mode)) {
+  if (setting.isEmpty() || setting.getTargetAsInt64() < 0 || !isValidPath(path) ||
+      lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
     KX_LOG_AS("handleEvent", "Invalid path: %s\n", path.c_str());
     return;
   }
@@ -548,8 +548,10 @@ void KxTransNotifyAgent::addFile(const std::string& path, const std::string& nam
   const KxDBMgrFileParam file = recordOf(path, name, info);
   if (withStore([&] { return store->getModifiedTime(file); }) == file.modifiedTime) return;
   const int result = withStore([&] {
-    // The folder may have left the list, with all its jobs, just now.
-    if (settingOf(path).isEmpty()) return 1;
+    // The folder may have left the list, with all its jobs, or got another target just now.
+    const KxTransFileSetting now = settingOf(path);
+    if (now.isEmpty()) return 1;
+    const long long target = now.getTargetAsInt64();
     const int queued = queueWatchedFile(path, target);
     // What could not be queued is not recorded, so that a scan tries it again.
     if (queued == 0 || !mayBeQueuedLater(target)) store->addDBFile(file);

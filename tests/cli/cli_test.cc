@@ -330,8 +330,8 @@ TEST(Client, TheFolderListTellsWhatIsNotWatchedAndWhatWasLost) {
   EXPECT_EQ(outcome.exitCode, 0);
   for (const char* part :
        {"mobile240p,mobile480p  watched", "PARTLY WATCHED: the limit of watches is reached  /b",
-        "The folders are not watched yet", "Scanning /a.", "2 scans wait.",
-        "Events were lost 3 times", "a scan will repair it"})
+        "Watching has not begun", "Scanning /a.", "Scans that wait: 2.",
+        "Times that events were lost: 3", "a scan will repair it"})
     EXPECT_NE(outcome.out.find(part), std::string::npos) << part << "\n" << outcome.out;
   EXPECT_EQ(outcome.out.find('\033'), std::string::npos);
   const Outcome json = xcodectl({"--socket", dir / "s", "--json", "folder", "list"});

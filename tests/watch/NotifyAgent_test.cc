@@ -13,6 +13,7 @@
 #include <set>
 #include <thread>
 
+#include "KxHostPlatform.h"
 #include "KxTransFileScanner.h"
 #include "KxTransNotifyAgent.h"
 #include "frame/UniqueFd.h"
@@ -75,6 +76,10 @@ class NotifyAgent : public WatchWorld {
     kxtest::writeFile(mark, "x");
     const std::string seen = fs::path(mark).filename().string() + " do not support\n";
     return waitUntil([&] { return log.has(seen); });
+  }
+  // A walk that has a folder open keeps its file system.
+  bool isUnmounted(const std::string& name) const {
+    return waitUntil([&] { return umount(media(name).c_str()) == 0; });
   }
   void setRunning(const std::string& name) {
     const StoreGuard lock;
@@ -510,7 +515,7 @@ TEST_F(NotifyAgent, AVolumeThatGoesAndComesBackKeepsItsJobs) {
   EXPECT_TRUE(settles({"a/x.mp4:4"}));
   EXPECT_FALSE(monitor->isAway(media("a/x.mp4")));
   log.clear();
-  ASSERT_EQ(umount(media("a").c_str()), 0);
+  ASSERT_TRUE(isUnmounted("a"));
   EXPECT_TRUE(monitor->isAway(media("a/x.mp4")));
   kill(getpid(), SIGHUP);
   EXPECT_TRUE(waitUntil([this] { return log.has("#path: " + media("a") + "\n"); }))
@@ -536,7 +541,7 @@ TEST_F(NotifyAgent, AFileSystemThatIsUnmountedIsNoticedAtOnce) {
   video("a/sub/x.mp4");
   EXPECT_TRUE(settles({"a/sub/x.mp4:4"}));
   log.clear();
-  ASSERT_EQ(umount(media("a").c_str()), 0);
+  ASSERT_TRUE(isUnmounted("a"));
   EXPECT_TRUE(waitUntil([this] { return log.hasPart(" is there, watch and scan it\n"); },
                         std::chrono::seconds(3)));
   EXPECT_THAT(jobs(), ElementsAre("a/sub/x.mp4:4"));
@@ -551,12 +556,17 @@ TEST_F(NotifyAgent, AFileSystemThatIsMountedAgainBeforeAnybodyLooksIsWatchedAgai
   video("a/usb/x.mp4");
   video("b/x.mp4");
   EXPECT_TRUE(settles({"a/usb/x.mp4:4", "b/x.mp4:8"}));
+  ASSERT_TRUE(isQuiet());
+  ASSERT_TRUE(waitUntil([this] {
+    const KxWatchStatus status = monitor->getWatchStatus();
+    return status.queuedScans == 0 && status.scanning.empty();
+  }));
   {
     // Keeps the worker at its event.
     const StoreGuard lock;
     video("a/trigger.mp4");
     for (const char* name : {"a/usb", "b"}) {
-      ASSERT_EQ(umount(media(name).c_str()), 0);
+      ASSERT_TRUE(isUnmounted(name));
       ASSERT_EQ(mount("none", media(name).c_str(), "tmpfs", 0, ""), 0);
     }
   }
@@ -586,7 +596,7 @@ TEST_F(NotifyAgent, AVolumeMountedBelowAFolderOfTheListIsWatchedToo) {
   video("a/usb/deep/later.mp4");
   EXPECT_TRUE(settles({"a/usb/deep/before.mp4:4", "a/usb/deep/later.mp4:4"}));
   log.clear();
-  ASSERT_EQ(umount(media("a/usb").c_str()), 0);
+  ASSERT_TRUE(isUnmounted("a/usb"));
   kill(getpid(), SIGHUP);
   EXPECT_TRUE(waitUntil([this] { return log.hasPart(" came or went, "); }));
   video("volume/deep/elsewhere.mp4");
@@ -692,6 +702,16 @@ TEST_F(NotifyAgent, AnEventsPathIsItsFolderAndItsName) {
   EXPECT_EQ(agent->translateEvent(event), media("a/x.mp4"));
   event->wd = 4711;
   EXPECT_EQ(agent->translateEvent(event), "");
+}
+
+TEST(NotifyAgentBegin, ListsTheVolumesThatMayBeIndexed) {
+  const bool isFirst = NasVol::getInstance() == nullptr;
+  const kxtest::RecordingLog log;
+  KxTransNotifyAgent::getInstance();
+  ASSERT_NE(NasVol::getInstance(), nullptr);
+  EXPECT_TRUE(NasVol::getInstance()->isIndexable("/home/films"));
+  // It is made once in a process.
+  EXPECT_EQ(log.count("add indexable vol dir for NasVol\n"), isFirst ? 1U : 0U);
 }
 
 // A user namespace has a limit of its own, so nobody else runs into it.

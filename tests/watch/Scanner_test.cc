@@ -335,6 +335,33 @@ TEST_F(Scanner, AFolderThatLeavesTheListDuringItsScanQueuesNothingMore) {
   EXPECT_THAT(records(), IsEmpty());
 }
 
+TEST_F(Scanner, AFolderThatJoinsTheListDuringAScanAroundItHasItsOwnTarget) {
+  for (int i = 0; i < 3; ++i) video("a/in/" + std::to_string(i) + ".mp4");
+  ASSERT_EQ(m_config.addFolder({media("a"), "4"}), 0);
+  std::thread walker;
+  {
+    const StoreGuard lock;
+    // As the agent walks a folder that appears.
+    walker = std::thread([this] {
+      scanner->scanFolder(
+          KxTransFileSetting(media("a/in"), "4"), [] { return false; }, true);
+    });
+    ASSERT_TRUE(waitUntil([this] { return log.has("#path: " + media("a/in") + "\n"); }));
+    ASSERT_EQ(m_config.addFolder({media("a/in"), "8"}), 0);
+  }
+  walker.join();
+  EXPECT_THAT(jobs(), UnorderedElementsAre("a/in/0.mp4:8", "a/in/1.mp4:8", "a/in/2.mp4:8"));
+}
+
+TEST_F(Scanner, AWalkWithATargetOfItsOwnKeepsToIt) {
+  video("a/x.mp4");
+  video("a/in/y.mp4");
+  ASSERT_EQ(m_config.addFolder({media("a"), "4"}), 0);
+  ASSERT_EQ(m_config.addFolder({media("a/in"), "8"}), 0);
+  scan(media("a"), "16");
+  EXPECT_THAT(jobs(), UnorderedElementsAre("a/x.mp4:16", "a/in/y.mp4:8"));
+}
+
 TEST_F(Scanner, AFileThatCouldNotBeQueuedIsTakenByTheNextScan) {
   video("in/a.mp4");
   store->exec("ALTER TABLE JobTable RENAME TO Away");
