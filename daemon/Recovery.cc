@@ -175,6 +175,7 @@ void recoverFromCrash() {
     }
     putBack(rows);
   }
+  kxRemoveStrayCheckpoints();
 }
 
 }  // namespace xcoded

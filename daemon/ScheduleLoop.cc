@@ -132,6 +132,7 @@ void ScheduleLoop::keepHouse() {
   m_nextHouseKeeping = now + kHouseKeeping;
   checkRegistrations();
   requeueOrphans();
+  kxRemoveStrayCheckpoints();
   trimWhenIdle();
   if (m_configuredUnits > 0) {
     m_maxUnits = m_configuredUnits;
@@ -172,7 +173,9 @@ void ScheduleLoop::settleOperations() {
       ++open;
       continue;
     }
-    open->result.set_value(carryOut(open->operation));
+    const std::string result = carryOut(open->operation);
+    kxRemoveStrayCheckpoints();
+    open->result.set_value(result);
     open = m_open.erase(open);
   }
 }
@@ -231,7 +234,7 @@ void ScheduleLoop::startJobs() {
   const std::vector<KxDBTaskParam> units = unitJobs();
   int slots = slotsNow(units);
   if (slots == 0) return;
-  RoomLedger room(volumeOfFile);
+  RoomLedger room(volumeOfFile, volumeOfPieces);
   for (const KxDBTaskParam& job : units) room.reserve(job);
   WaitingRows rows;
   bool isDiskChecked = false;

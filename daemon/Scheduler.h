@@ -47,14 +47,22 @@ struct Volume {
 class RoomLedger {
  public:
   // @p volumeOf finds the volume of a source file; nothing when there is none.
-  explicit RoomLedger(std::function<std::optional<Volume>(const std::string& src)> volumeOf)
-      : m_volumeOf(std::move(volumeOf)) {}
+  // @p workVolume finds the volume of the work folders while jobs go by pieces; nothing, also
+  // for the function itself, while they do not.
+  explicit RoomLedger(std::function<std::optional<Volume>(const std::string& src)> volumeOf,
+                      std::function<std::optional<Volume>()> workVolume = {})
+      : m_volumeOf(std::move(volumeOf)), m_workVolume(std::move(workVolume)) {}
   // Sets room aside for a job. False, and nothing set aside, when its volume lacks room. A
-  // job whose volume cannot be found passes: it fails by itself and says why.
+  // job whose volume cannot be found passes: it fails by itself and says why. A job without
+  // room for its pieces passes too: it goes whole.
   bool reserve(const KxDBTaskParam& job);
 
  private:
+  int64_t& leftOn(const Volume& volume);
+  void reservePieces(const KxDBTaskParam& job);
+
   std::function<std::optional<Volume>(const std::string&)> m_volumeOf;
+  std::function<std::optional<Volume>()> m_workVolume;
   std::map<uint64_t, int64_t> m_left;  // bytes by device
 };
 

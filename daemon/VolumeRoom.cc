@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "KxHostPlatform.h"
+#include "Misc.h"
 
 namespace xcoded {
 
@@ -25,6 +26,15 @@ std::string roomFault(const KxDBTaskParam& job) {
   const auto megabytes = [](int64_t bytes) { return std::to_string(bytes >> 20) + " MB"; };
   return "room on its volume: " + megabytes(needed) + " may be needed, " +
          megabytes(volume->freeBytes) + " are free";
+}
+
+std::optional<Volume> volumeOfPieces() {
+  const std::string file = miscSystemPath("/etc/config/medialibrary.conf");
+  std::string data;
+  if (MyUtil_GetKeyInt("TRANSCODESVR", "SEGMENT", 0, file.c_str()) != 1 ||
+      miscGetHDDPath(data) != 0)
+    return std::nullopt;
+  return volumeOfFile(convertFolderPath(data));
 }
 
 int64_t availableMemoryKb() {

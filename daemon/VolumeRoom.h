@@ -15,6 +15,9 @@ std::optional<Volume> volumeOfFile(const std::string& path);
 // enough, or when the volume cannot be found: then the job fails by itself and says why.
 std::string roomFault(const KxDBTaskParam& job);
 
+// The volume of the work folders while long videos go by pieces (key SEGMENT).
+std::optional<Volume> volumeOfPieces();
+
 // Memory that is free for new work, in kilobytes; the total memory when the kernel does not
 // tell.
 int64_t availableMemoryKb();

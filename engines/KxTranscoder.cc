@@ -336,7 +336,7 @@ std::vector<std::string> KxTranscoder::genFfmpegReAudioParams_() {
     return {};
   }
   return engines::sideAudioCommand(staticFfmpeg(), getSWFfmpegFilenameInput(), m_param,
-                                   sideAudioFile_());
+                                   getSideAudioPath());
 }
 
 std::vector<std::string> KxTranscoder::genFfmpegSegmentParams_() {
@@ -361,7 +361,7 @@ int KxTranscoder::doMerge() {
   if (!engines::writeMergeList(list, m_segVec)) return 1;
   std::vector<engines::EngineNote> notes;
   const std::vector<std::string> command =
-      engines::mergeCommand(staticFfmpeg(), list, sideAudioFile_(), m_param, notes);
+      engines::mergeCommand(staticFfmpeg(), list, getSideAudioPath(), m_param, notes);
   engines::logNotes(notes);
   const int pid = miscLaunchCmdNoWait(command, m_progressLog);
   if (pid == -1) {
@@ -371,10 +371,6 @@ int KxTranscoder::doMerge() {
   if (waitForChild_(pid) == 0) return 0;
   KX_LOG("merge segment fail\n");
   return 1;
-}
-
-std::string KxTranscoder::sideAudioFile_() const {
-  return m_workFolder + "reAudio.mp4";
 }
 
 int KxTranscoder::waitForChild_(int pid) {

@@ -82,4 +82,11 @@ std::vector<std::string> mergeCommand(const std::string& ffmpeg, const std::stri
   return argv;
 }
 
+std::vector<std::string> indexInFrontCommand(const std::string& ffmpeg, const std::string& joined,
+                                             const std::string& source, const std::string& output) {
+  return {ffmpeg,      "-y",         "-i",   joined,          "-i",  source,          "-map",
+          "0",         "-c",         "copy", "-map_metadata", "1",   "-map_chapters", "1",
+          "-movflags", "+faststart", "-f",   "mp4",           output};
+}
+
 }  // namespace engines

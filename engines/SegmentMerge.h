@@ -19,4 +19,9 @@ std::vector<std::string> mergeCommand(const std::string& ffmpeg, const std::stri
                                       const std::string& sideAudio, const TranscodeParam& param,
                                       std::vector<EngineNote>& notes);
 
+// Copies a joined MP4 file with its index in front, as a player that streams needs it, and with
+// the description and the chapters of the source. Pure.
+std::vector<std::string> indexInFrontCommand(const std::string& ffmpeg, const std::string& joined,
+                                             const std::string& source, const std::string& output);
+
 }  // namespace engines

@@ -122,14 +122,17 @@ std::vector<std::string> cutCommand(const std::string& ffmpeg, const std::string
           folder + namePattern(formatId)};
 }
 
+Seg_t segmentAt(const std::string& folder, int formatId, size_t index) {
+  const std::string name = pieceName(formatId, static_cast<int>(index));
+  return {folder + name, folder + "merge_" + name};
+}
+
 std::vector<Seg_t> collectSegments(const std::string& folder, int formatId) {
   std::vector<Seg_t> segments;
-  for (int index = 0;; ++index) {
-    const std::string name = pieceName(formatId, index);
-    if (!exists(folder + name)) return segments;
-    std::string result = folder + "merge_";
-    result += name;
-    segments.push_back({folder + name, result});
+  for (;;) {
+    Seg_t segment = segmentAt(folder, formatId, segments.size());
+    if (!exists(segment.segIn)) return segments;
+    segments.push_back(std::move(segment));
   }
 }
 

@@ -31,6 +31,9 @@ std::vector<std::string> sideAudioCommand(const std::string& ffmpeg, const std::
 std::vector<std::string> cutCommand(const std::string& ffmpeg, const std::string& input,
                                     int formatId, const std::string& folder);
 
+// Names of one piece in a folder with trailing "/".
+Seg_t segmentAt(const std::string& folder, int formatId, size_t index);
+
 // The pieces that a cut left in the folder, up to the first missing number.
 std::vector<Seg_t> collectSegments(const std::string& folder, int formatId);
 

@@ -10,13 +10,15 @@ static constexpr const char* kLogSource = "KxTranscoder";
 
 namespace engines {
 
-std::string transcodeFolder() {
+std::string findTranscodeFolder() {
   std::string disk;
-  if (miscGetHDDPath(disk) != 0) {
-    KX_LOG_AS("init", "can not get hdd path\n");
-    return "";
-  }
-  return convertFolderPath(disk) + ".system/transcode/";
+  return miscGetHDDPath(disk) == 0 ? convertFolderPath(disk) + ".system/transcode/" : "";
+}
+
+std::string transcodeFolder() {
+  std::string folder = findTranscodeFolder();
+  if (folder.empty()) KX_LOG_AS("init", "can not get hdd path\n");
+  return folder;
 }
 
 std::string makeWorkFolder(const std::string& parent, const std::string& name) {

@@ -148,6 +148,19 @@ struct KxJobOutput {
 /// A pure function of the record; nothing is looked up on disk.
 std::vector<KxJobOutput> kxJobOutputs(const KxDBTaskParam& job);
 
+/// Bytes that a job may take while it runs; generous.
+struct KxJobRoom {
+  int64_t beside = 0;  ///< on the volume of its source: its results, one of them twice
+  int64_t pieces = 0;  ///< more on the volume of the work folders when it goes by pieces
+};
+
+/// Estimates the room that a job needs. A pure function of the record.
+KxJobRoom kxJobRoom(const KxDBTaskParam& job);
+
+/// Removes what jobs that went by pieces kept for their next run where the job is gone or ended:
+/// no row waits or runs any more. Takes the job store's lock; call it without any.
+void kxRemoveStrayCheckpoints();
+
 /// Thread routine of a unit's runner.
 /// @param arg the `KxTranscodeUnit2` that was started; NULL ends at once
 void* unitBGTranscodeThread(void* arg);

@@ -246,6 +246,12 @@ class KxTranscoder {
   int doMerge();
   /// The pieces of the last doSegment(), in the order of the source.
   const std::vector<Seg_t>& getSegments() const { return m_segVec; }
+  /// Takes the pieces of an earlier doSegment() of the same source in its place, for doMerge().
+  /// The caller has put their files, and that of the audio, into the work folder under the
+  /// names that doSegment() gives them.
+  void takeSegments(std::vector<Seg_t> segments) { m_segVec = std::move(segments); }
+  /// File that receives the re-encoded audio of doSegment().
+  std::string getSideAudioPath() const { return m_workFolder + "reAudio.mp4"; }
   /// @return the command that re-encodes the audio; empty when the work folder is missing
   std::vector<std::string> genFfmpegReAudioParams_();
   /// @return the command that cuts the video; empty when the source or the work folder is
@@ -285,7 +291,6 @@ class KxTranscoder {
   int runSegmentStep_(const std::vector<std::string>& command, const char* noCommand,
                       const char* noChild);
   int waitForChild_(int pid);
-  std::string sideAudioFile_() const;
 
   TranscodeParam m_param;
   KxMediaInfo m_mediaInfo;

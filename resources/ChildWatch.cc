@@ -33,13 +33,17 @@ constexpr int kDefaultStallSeconds = 600;
 // Tells whether anything moved since it was last asked.
 class ProgressWatch {
  public:
-  ProgressWatch(const WatchPoints& points, JobRun& run)
-      : m_points(points), m_run(run), m_files(points.files.size()) {}
+  explicit ProgressWatch(WatchPoints points)
+      : m_points(std::move(points)), m_files(m_points.files.size()) {}
 
   void look() {
     const bool percentMoved = lookAtPercent();
     const bool filesMoved = lookAtFiles();
     if (percentMoved || filesMoved) m_lastMove = steady_clock::now();
+  }
+  // As last asked; nothing when nobody tells.
+  std::optional<int> percent() const {
+    return m_points.percent ? std::optional<int>(m_percent) : std::nullopt;
   }
   bool isStalled(seconds limit) const { return steady_clock::now() - m_lastMove >= limit; }
 
@@ -49,7 +53,6 @@ class ProgressWatch {
   bool lookAtPercent() {
     if (!m_points.percent) return false;
     const int percent = m_points.percent();
-    m_run.showProgress(percent);
     return std::exchange(m_percent, percent) != percent;
   }
 
@@ -64,8 +67,7 @@ class ProgressWatch {
     return moved;
   }
 
-  const WatchPoints& m_points;
-  JobRun& m_run;
+  const WatchPoints m_points;
   std::vector<FileState> m_files;
   int m_percent = 0;
   steady_clock::time_point m_lastMove = steady_clock::now();
@@ -73,34 +75,64 @@ class ProgressWatch {
 
 enum class Wake { ChildEnded, RunEnds, Tick };
 
-// Without a pidfd or a notification the wait is cut into short steps instead.
-Wake waitForSomething(JobRun& run, ChildProcess& child) {
+// Waits until a child ended, the run has to end, or it is time to look at the progress. Without
+// a pidfd or a notification the wait is cut into short steps instead.
+Wake waitForSomething(JobRun& run, const std::vector<ChildProcess*>& children) {
   constexpr milliseconds kStep{20};
   const auto tick = steady_clock::now() + kTick;
-  const bool haveBoth = child.pidFd() >= 0 && run.endFd() >= 0;
+  std::vector<pollfd> ends = {{run.endFd(), POLLIN, 0}};
+  for (const ChildProcess* child : children) ends.push_back({child->pidFd(), POLLIN, 0});
+  const bool haveAll = std::ranges::all_of(ends, [](const pollfd& end) { return end.fd >= 0; });
   while (true) {
-    if (child.poll()) return Wake::ChildEnded;
+    if (std::ranges::any_of(children,
+                            [](ChildProcess* child) { return child->poll().has_value(); }))
+      return Wake::ChildEnded;
     if (run.mustEnd()) return Wake::RunEnds;
     const auto left = std::chrono::ceil<milliseconds>(tick - steady_clock::now());
     if (left.count() <= 0) return Wake::Tick;
-    std::array<pollfd, 2> ends = {pollfd{child.pidFd(), POLLIN, 0}, pollfd{run.endFd(), POLLIN, 0}};
     poll(ends.data(), ends.size(),
-         static_cast<int>((haveBoth ? left : std::min(left, kStep)).count()));
+         static_cast<int>((haveAll ? left : std::min(left, kStep)).count()));
   }
 }
 
-void endChild(ChildProcess& child) {
-  if (!child.signal(SIGTERM)) {
-    KX_RUNNER_LOG("send signal SIGTERM to pid(%d) fail, errno=%d, strerror=%s\n", child.pid(),
+// Tells all to end before it waits for any.
+void endChildren(const std::vector<ChildProcess*>& children) {
+  for (ChildProcess* child : children) {
+    if (child->signal(SIGTERM)) continue;
+    KX_RUNNER_LOG("send signal SIGTERM to pid(%d) fail, errno=%d, strerror=%s\n", child->pid(),
                   errno, strerror(errno));
   }
-  child.killAfter(kGrace);
+  const auto deadline = steady_clock::now() + kGrace;
+  for (ChildProcess* child : children) {
+    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+    child->killAfter(std::max(left, milliseconds(0)));
+  }
+}
+
+// Ends them because the unit was stopped.
+void stopChildren(const std::vector<ChildProcess*>& children) {
+  for (const ChildProcess* child : children)
+    KX_RUNNER_LOG("someone stop the transcode unit, so we need to kill pid %d\n", child->pid());
+  endChildren(children);
+}
+
+void limitChild(pid_t pid) {
+  KxResMgr2* manager = KxResMgr2::getInstance();
+  if (manager->cGroupIsUnified()) manager->cGroupAddPid(pid);
 }
 
 ChildEnd endOf(int status) {
   const int result = miscAnalysisRet(status);
   return {result == 0 ? ChildEnd::Kind::Success : ChildEnd::Kind::Failure, result,
           WIFSIGNALED(status)};
+}
+
+// Ends a child that made no progress for the time of stallLimit().
+ChildEnd endStalled(ChildProcess& child) {
+  KX_RUNNER_LOG_LEVEL(2, "pid %d made no progress for %d seconds, so we kill it\n", child.pid(),
+                      static_cast<int>(stallLimit().count()));
+  endChildren({&child});
+  return {ChildEnd::Kind::Stalled, miscAnalysisRet(child.wait()), false};
 }
 
 }  // namespace
@@ -114,8 +146,7 @@ seconds stallLimit() {
 
 ShownChild::ShownChild(JobRun& run, pid_t pid) : m_run(run) {
   m_run.showPid(pid);
-  KxResMgr2* manager = KxResMgr2::getInstance();
-  if (manager->cGroupIsUnified()) manager->cGroupAddPid(pid);
+  limitChild(pid);
 }
 
 ShownChild::~ShownChild() {
@@ -136,28 +167,96 @@ std::string ChildEnd::text() const {
 }
 
 void stopChild(ChildProcess& child) {
-  KX_RUNNER_LOG("someone stop the transcode unit, so we need to kill pid %d\n", child.pid());
-  endChild(child);
+  stopChildren({&child});
+}
+
+struct ChildGroup::Member {
+  int key;
+  ChildProcess child;
+  ProgressWatch progress;
+};
+
+ChildGroup::ChildGroup(JobRun& run) : m_run(run) {}
+
+ChildGroup::~ChildGroup() {
+  if (m_members.empty()) return;
+  endChildren(children());
+  m_run.showPid(-1);
+}
+
+void ChildGroup::add(int key, pid_t pid, const WatchPoints& points) {
+  m_members.push_back(
+      std::make_unique<Member>(Member{key, ChildProcess::adopt(pid), ProgressWatch(points)}));
+  limitChild(pid);
+  showFirst();
+}
+
+std::optional<ChildGroup::Ended> ChildGroup::waitForOne(const std::function<void()>& onProgress) {
+  while (!m_members.empty()) {
+    const Wake wake = waitForSomething(m_run, children());
+    if (wake == Wake::RunEnds) {
+      stopAll();
+      return std::nullopt;
+    }
+    const auto ended = std::ranges::find_if(m_members, [](const std::unique_ptr<Member>& member) {
+      return member->child.poll().has_value();
+    });
+    if (ended != m_members.end()) return take(ended, endOf((*ended)->child.wait()));
+    for (const auto& member : m_members) member->progress.look();
+    if (onProgress) onProgress();
+    const auto stalled = std::ranges::find_if(m_members, [](const std::unique_ptr<Member>& member) {
+      return member->progress.isStalled(stallLimit());
+    });
+    if (stalled != m_members.end()) return take(stalled, endStalled((*stalled)->child));
+  }
+  return std::nullopt;
+}
+
+int ChildGroup::percent(int key) const {
+  const auto found = std::ranges::find_if(
+      m_members, [key](const std::unique_ptr<Member>& member) { return member->key == key; });
+  return found == m_members.end() ? 0 : (*found)->progress.percent().value_or(0);
+}
+
+std::vector<ChildProcess*> ChildGroup::children() const {
+  std::vector<ChildProcess*> children;
+  for (const auto& member : m_members) children.push_back(&member->child);
+  return children;
+}
+
+ChildGroup::Ended ChildGroup::take(Members::iterator member, const ChildEnd& end) {
+  const Ended ended{(*member)->key, end};
+  m_members.erase(member);
+  showFirst();
+  return ended;
+}
+
+void ChildGroup::stopAll() {
+  if (m_members.empty()) return;
+  stopChildren(children());
+  m_members.clear();
+  showFirst();
+}
+
+void ChildGroup::showFirst() {
+  m_run.showPid(m_members.empty() ? -1 : m_members.front()->child.pid());
 }
 
 ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points) {
   ChildProcess child = ChildProcess::adopt(pid);
   const ShownChild shown(run, pid);
-  ProgressWatch progress(points, run);
+  ProgressWatch progress(points);
   const seconds limit = stallLimit();
   while (true) {
-    const Wake wake = waitForSomething(run, child);
+    const Wake wake = waitForSomething(run, {&child});
     if (wake == Wake::ChildEnded) return endOf(child.wait());
     if (wake == Wake::RunEnds) {
       stopChild(child);
       return {ChildEnd::Kind::Stopped, miscAnalysisRet(child.wait()), false};
     }
     progress.look();
-    if (!progress.isStalled(limit)) continue;
-    KX_RUNNER_LOG_LEVEL(2, "pid %d made no progress for %d seconds, so we kill it\n", pid,
-                        static_cast<int>(limit.count()));
-    endChild(child);
-    return {ChildEnd::Kind::Stalled, miscAnalysisRet(child.wait()), false};
+    if (const auto percent = progress.percent()) run.showProgress(*percent);
+    if (progress.isStalled(limit)) return endStalled(child);
   }
 }
 

@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,6 +35,44 @@ struct WatchPoints {
 // and STALL_SEC seconds without progress, end the child with SIGTERM and, when that does not
 // help, SIGKILL.
 ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points);
+
+// Follows several children at a time, each as followChild() does. The unit shows the pid of the
+// one that was added first; what it shows of the progress is left to the caller. Children that
+// still run when the group goes are ended.
+class ChildGroup {
+ public:
+  explicit ChildGroup(JobRun& run);
+  ~ChildGroup();
+  ChildGroup(const ChildGroup&) = delete;
+  ChildGroup& operator=(const ChildGroup&) = delete;
+
+  struct Ended {
+    int key;
+    ChildEnd end;
+  };
+
+  // Takes over a child that miscLaunchCmdNoWait started. @param key names it, chosen by the caller
+  void add(int key, pid_t pid, const WatchPoints& points);
+  bool isEmpty() const { return m_members.empty(); }
+  // Waits until a child has ended, or was ended because it stalled. Nothing when there is none
+  // or the run has to end: they are all ended then.
+  // @param onProgress called once a second, may be empty
+  std::optional<Ended> waitForOne(const std::function<void()>& onProgress);
+  // How far a child is, as last asked; 0 when it is gone or does not tell.
+  int percent(int key) const;
+
+ private:
+  struct Member;
+  using Members = std::vector<std::unique_ptr<Member>>;
+
+  std::vector<ChildProcess*> children() const;
+  Ended take(Members::iterator member, const ChildEnd& end);
+  void stopAll();
+  void showFirst();
+
+  JobRun& m_run;
+  Members m_members;
+};
 
 // Shows a child as the unit's while it lives, and puts it under the limits where it does not
 // inherit them.

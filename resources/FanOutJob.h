@@ -1,11 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <vector>
 
+#include "resources/Branch.h"
 #include "resources/ResourceUse.h"
-#include "resources/VideoProfile.h"
 
 namespace runner {
 
@@ -26,16 +25,7 @@ class FanOutJob {
   uint64_t run();
 
  private:
-  // A profile that is still to be made.
-  struct Branch {
-    int row;
-    std::unique_ptr<VideoProfile> profile;
-    std::vector<std::string> command;  // that would make it alone
-  };
-
   bool isWanted() const;
-  void collect();
-  void openAll();
   void encode(KxResource2& cpu);
   Attempt encodeAll();
   void finish(Branch& branch);

@@ -2,6 +2,7 @@
 
 #include "KxResMgr2.h"
 #include "KxTranscodeUnit2.h"
+#include "resources/Checkpoint.h"
 #include "resources/JobRecord.h"
 #include "resources/JobRun.h"
 #include "resources/PdfJob.h"
@@ -57,7 +58,10 @@ void runJob(KxTranscodeUnit2& unit, UnitVisit& visit) {
                           run.job().src.c_str(), run.reason().c_str());
     }
   }
-  writeOutcome(run, run.state(), succeeded);
+  const KxUnitState_e state = run.state();
+  writeOutcome(run, state, succeeded);
+  // A job that was stopped or suspended goes on from there.
+  if (state == UNIT_START) removeCheckpoints(run.job().id);
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 #include "resources/MediaTimes.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdlib>
-#include <memory>
+
+#include "resources/MediaFile.h"
 
 extern "C" {
-#include <libavformat/avformat.h>
 #include <libavutil/display.h>
 }
 
@@ -15,27 +13,6 @@ namespace runner {
 namespace {
 
 using Kind = StreamTimes::Kind;
-
-struct ContextCloser {
-  void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
-};
-using Context = std::unique_ptr<AVFormatContext, ContextCloser>;
-
-struct PacketFree {
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-
-// Only a plain local file is opened, and nothing that it might name.
-Context openFile(const std::string& path) {
-  struct stat info;
-  if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return nullptr;
-  AVDictionary* options = nullptr;
-  av_dict_set(&options, "protocol_whitelist", "file", 0);
-  AVFormatContext* context = nullptr;
-  const int result = avformat_open_input(&context, ("file:" + path).c_str(), nullptr, &options);
-  av_dict_free(&options);
-  return Context(result == 0 ? context : nullptr);
-}
 
 double seconds(int64_t count, const AVRational& base) {
   return count == AV_NOPTS_VALUE || count <= 0 ? 0
@@ -116,7 +93,7 @@ bool hasSampleBeyond(const AVStream& stream, int64_t fileSize) {
 // False when reading ended before the end of the file.
 bool readPackets(AVFormatContext& context, std::vector<StreamCounter>& counters,
                  const std::function<bool()>& goOn) {
-  const std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
+  const Packet packet(av_packet_alloc());
   int result = 0;
   while (goOn() && (result = av_read_frame(&context, packet.get())) >= 0) {
     const auto index = static_cast<size_t>(packet->stream_index);
@@ -138,7 +115,7 @@ const StreamCount* PacketCount::find(StreamTimes::Kind kind, int n) const {
 }
 
 std::optional<MediaTimes> readTimes(const std::string& path, bool withAnalysis) {
-  const Context context = openFile(path);
+  const MediaFile context = openMediaFile(path);
   if (!context) return std::nullopt;
   if (withAnalysis && avformat_find_stream_info(context.get(), nullptr) < 0) return std::nullopt;
   MediaTimes times;
@@ -150,7 +127,7 @@ std::optional<MediaTimes> readTimes(const std::string& path, bool withAnalysis) 
 
 PacketCount countPackets(const std::string& path, const std::function<bool()>& goOn) {
   PacketCount count;
-  const Context context = openFile(path);
+  const MediaFile context = openMediaFile(path);
   if (!context || avformat_find_stream_info(context.get(), nullptr) < 0) return count;
   count.lengthStated = context->duration_estimation_method == AVFMT_DURATION_FROM_STREAM;
   std::vector<StreamCounter> counters(context->nb_streams);

@@ -10,6 +10,7 @@
 #include "resources/AudioJob.h"
 #include "resources/FanOutJob.h"
 #include "resources/RunnerLog.h"
+#include "resources/SegmentJob.h"
 #include "resources/SubtitleSearch.h"
 #include "resources/SubtitleText.h"
 
@@ -113,7 +114,8 @@ bool VideoJob::convertSubtitle() {
 }
 
 bool VideoJob::convertSelected() {
-  const uint64_t finished = FanOutJob(context()).run();
+  uint64_t finished = SegmentJob(context()).run();
+  finished |= FanOutJob(context()).run();
   for (int row = 0; gTransConfig[row].key != 0; ++row) {
     const TransConfigEntry& config = gTransConfig[row];
     if ((m_run.job().jobFlag >> row & 1) == 0) {

@@ -1,7 +1,10 @@
 #include "resources/VideoProfile.h"
 
 #include "KxHostPlatform.h"
+#include "Misc.h"
 #include "engines/FilterChain.h"
+#include "engines/HostFacts.h"
+#include "engines/SegmentMerge.h"
 #include "resources/RunnerLog.h"
 
 namespace runner {
@@ -102,15 +105,38 @@ std::string VideoProfile::open() {
 }
 
 std::string VideoProfile::finish() {
-  std::string fault = m_transcoder.needsStripMetadata() ? remux() : "";
-  if (!fault.empty()) return fault;
+  const std::string fault = m_transcoder.needsStripMetadata() ? stripRotation() : "";
+  return fault.empty() ? check() : fault;
+}
+
+std::string VideoProfile::finishJoined() {
+  const std::string fault = m_transcoder.needsStripMetadata() ? stripRotation() : putIndexInFront();
+  return fault.empty() ? check() : fault;
+}
+
+std::string VideoProfile::check() {
   return faultOfResult(m_video.run, m_video.source, m_video.expected, m_file.path());
 }
 
-std::string VideoProfile::remux() {
-  std::string fault = runChild(
-      m_video.run, {"remux", [&] { return m_transcoder.workaroundStripMetadata(m_file.path()); },
-                    nullptr, m_transcoder.getProgressLogPath(), m_file.remuxPath()});
+std::string VideoProfile::stripRotation() {
+  return remux([this] { return m_transcoder.workaroundStripMetadata(m_file.path()); });
+}
+
+std::string VideoProfile::putIndexInFront() {
+  const auto service = engines::mediaService();
+  if (!service) return "there is no encoder";
+  return remux([&] {
+    return miscLaunchCmdNoWait(engines::indexInFrontCommand(service->ffmpegPath, m_file.path(),
+                                                            m_video.run.job().src,
+                                                            m_file.remuxPath()),
+                               m_transcoder.getProgressLogPath());
+  });
+}
+
+std::string VideoProfile::remux(const std::function<int()>& start) {
+  std::string fault =
+      runChild(m_video.run,
+               {"remux", start, nullptr, m_transcoder.getProgressLogPath(), m_file.remuxPath()});
   if (!fault.empty()) return fault;
   return m_file.takeRemux() ? "" : "the remuxed result cannot be renamed";
 }

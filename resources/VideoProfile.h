@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "KxTranscoder.h"
@@ -47,11 +48,16 @@ class VideoProfile {
   TemporaryFile& file() { return m_file; }
   // Completes what an encoder wrote, and checks it.
   std::string finish();
+  // The same for what was joined from pieces, which has its index at the end.
+  std::string finishJoined();
   // Puts a finished result in place.
   std::string put();
 
  private:
-  std::string remux();
+  std::string remux(const std::function<int()>& start);
+  std::string stripRotation();
+  std::string putIndexInFront();
+  std::string check();
 
   const VideoContext m_video;
   const TransConfigEntry& m_config;

@@ -1,0 +1,18 @@
+#include "resources/MediaFile.h"
+
+#include <sys/stat.h>
+
+namespace runner {
+
+MediaFile openMediaFile(const std::string& path) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return nullptr;
+  AVDictionary* options = nullptr;
+  av_dict_set(&options, "protocol_whitelist", "file", 0);
+  AVFormatContext* context = nullptr;
+  const int result = avformat_open_input(&context, ("file:" + path).c_str(), nullptr, &options);
+  av_dict_free(&options);
+  return MediaFile(result == 0 ? context : nullptr);
+}
+
+}  // namespace runner

@@ -1,0 +1,272 @@
+#include "resources/PieceWork.h"
+
+#include <algorithm>
+
+#include "KxHostPlatform.h"
+#include "Misc.h"
+#include "engines/SegmentPlan.h"
+#include "engines/SharedCommand.h"
+#include "resources/EncoderLog.h"
+#include "resources/PieceCommand.h"
+#include "resources/RunnerLog.h"
+#include "resources/VideoTimes.h"
+
+namespace runner {
+namespace {
+
+std::string baseName(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+// Parameters that make one piece into what the whole source would become.
+TranscodeParam pieceParam(KxTranscoder& whole, const std::string& input,
+                          const std::string& output) {
+  TranscodeParam param = whole.getParam();
+  param.m_inFile = input;
+  param.m_outFile = output;
+  param.m_vid = 0;
+  param.m_aid = -1;  // pieces have no sound
+  param.m_rotate = whole.getTranscodeDegree_();
+  return param;
+}
+
+}  // namespace
+
+bool PieceBranch::isMade() const {
+  return std::ranges::find(made, false) == made.end();
+}
+
+std::string CutSource::piece(size_t index) const {
+  return baseName(engines::segmentAt("/", formatId, index).segIn);
+}
+
+std::string CutSource::result(const PieceBranch& branch, size_t index) const {
+  return branch.folder() + baseName(engines::segmentAt("/", formatId, index).segOut);
+}
+
+// A resource as far as pieces use it.
+struct PieceWork::Engine {
+  size_t number;
+  KxResource2 resource;
+  bool isCpu;
+  int slots;  // pieces that it may take on now
+  bool isUsable = true;
+  std::unique_ptr<Registration> registration;  // from the first piece on
+};
+
+// The transcoder of one result.
+struct PieceWork::Encoder {
+  KxTranscoder transcoder;
+  Cleanup cleanup{[this] { return transcoder.getWorkFolder(); }};
+  std::string output;
+};
+
+// One child: a piece for one profile, or for several from one decoding.
+struct PieceWork::Task {
+  Engine& engine;
+  size_t piece;
+  std::vector<PieceBranch*> branches;
+  std::vector<std::unique_ptr<Encoder>> encoders;  // of the branches, in their order
+
+  const Encoder& first() const { return *encoders.front(); }
+};
+
+PieceWork::PieceWork(const CutSource& source, bool isShared, ChildGroup& group)
+    : m_source(source), m_isShared(isShared), m_group(group) {
+  for (const KxResource2& resource : resourcesToTry(2)) {
+    const bool isCpu = resource.resType == RES2_SW_CPU;
+    const int slots = isCpu ? pieceThreads(MyUtil_GetCpuNum()).pieces : 1;
+    m_engines.push_back(
+        std::make_unique<Engine>(Engine{m_engines.size(), resource, isCpu, slots, true, nullptr}));
+  }
+}
+
+PieceWork::~PieceWork() = default;
+
+void PieceWork::run(const std::vector<PieceBranch*>& branches, const OtherEnd& onOther,
+                    const Made& onMade) {
+  m_branches = branches;
+  m_onMade = onMade;
+  showProgress();
+  startTasks();
+  while (!m_tasks.empty()) {
+    const auto ended = m_group.waitForOne([this] { showProgress(); });
+    if (!ended) {  // the run has to end
+      m_tasks.clear();
+      return;
+    }
+    const auto task = m_tasks.find(ended->key);
+    if (task == m_tasks.end()) {
+      onOther(*ended);
+      continue;
+    }
+    const std::unique_ptr<Task> done = std::move(task->second);
+    m_tasks.erase(task);
+    settle(*done, ended->end);
+    startTasks();
+  }
+}
+
+void PieceWork::startTasks() {
+  for (const auto& engine : m_engines) {
+    while (engine->isUsable && engine->slots > 0 && startTaskOn(*engine)) {
+    }
+  }
+}
+
+bool PieceWork::startTaskOn(Engine& engine) {
+  for (size_t piece = 0; piece < m_source.plan.pieces.size(); ++piece) {
+    const std::vector<PieceBranch*> branches = chooseFor(engine, piece);
+    if (branches.empty()) continue;
+    if (!useEngine(engine)) return false;
+    std::unique_ptr<Task> task = prepare(engine, piece, branches);
+    const int pid = task ? launch(*task) : -1;
+    if (pid <= 0) {
+      for (PieceBranch* branch : branches) branch->fault = "the encoder could not be started";
+      continue;
+    }
+    --engine.slots;
+    const KxTranscoder& transcoder = task->first().transcoder;
+    m_group.add(m_nextKey, pid,
+                {[&asked = task->encoders.front()->transcoder] { return asked.getProgress(); },
+                 {transcoder.getProgressLogPath(), task->first().output}});
+    m_tasks.emplace(m_nextKey++, std::move(task));
+    return true;
+  }
+  return false;
+}
+
+std::vector<PieceBranch*> PieceWork::chooseFor(const Engine& engine, size_t piece) {
+  std::vector<PieceBranch*> chosen;
+  for (PieceBranch* branch : m_branches) {
+    if (!isFree(*branch, piece, engine)) continue;
+    const bool mayShare = m_isShared && engine.isCpu && !m_alone[{branch, piece}];
+    if (!mayShare) {
+      if (chosen.empty()) return {branch};
+      continue;
+    }
+    chosen.push_back(branch);
+  }
+  return chosen;
+}
+
+bool PieceWork::isFree(const PieceBranch& branch, size_t piece, const Engine& engine) const {
+  if (!branch.fault.empty() || branch.made[piece]) return false;
+  const bool isRunning = std::ranges::any_of(m_tasks, [&](const auto& task) {
+    return task.second->piece == piece &&
+           std::ranges::find(task.second->branches, &branch) != task.second->branches.end();
+  });
+  if (isRunning) return false;
+  const auto failed = m_failed.find({&branch, piece});
+  return failed == m_failed.end() ||
+         std::ranges::find(failed->second, engine.number) == failed->second.end();
+}
+
+bool PieceWork::useEngine(Engine& engine) {
+  if (engine.registration) return true;
+  engine.registration = std::make_unique<Registration>(m_source.video.run, engine.resource,
+                                                       videoRegistration(m_source.video));
+  engine.isUsable = engine.registration->valid();
+  return engine.isUsable;
+}
+
+std::unique_ptr<PieceWork::Task> PieceWork::prepare(Engine& engine, size_t piece,
+                                                    const std::vector<PieceBranch*>& branches) {
+  auto task = std::make_unique<Task>(Task{engine, piece, branches, {}});
+  const std::string input = m_source.checkpoint.path(m_source.piece(piece));
+  for (const PieceBranch* branch : branches) {
+    auto encoder = std::make_unique<Encoder>();
+    encoder->output = m_source.checkpoint.newName(m_source.result(*branch, piece));
+    TranscodeParam param =
+        pieceParam(branch->branch->profile->transcoder(), input, encoder->output);
+    if (encoder->transcoder.init(param) != 0) return nullptr;
+    task->encoders.push_back(std::move(encoder));
+  }
+  return task;
+}
+
+int PieceWork::launch(Task& task) {
+  if (task.engine.isCpu) return launchOnCpu(task);
+  return task.encoders.front()->transcoder.transcode(task.engine.resource, true);
+}
+
+int PieceWork::launchOnCpu(Task& task) {
+  const int threads = pieceThreads(MyUtil_GetCpuNum()).threads;
+  std::vector<std::vector<std::string>> commands;
+  for (const auto& encoder : task.encoders)
+    commands.push_back(
+        pieceCommand(encoder->transcoder.getSWCommand(), m_source.plan, task.piece, threads));
+  const std::vector<std::string> command = engines::sharedCommand(commands);
+  if (command.empty()) return -1;
+  return miscLaunchCmdNoWait(command, task.first().transcoder.getProgressLogPath());
+}
+
+void PieceWork::settle(Task& task, const ChildEnd& end) {
+  ++task.engine.slots;
+  std::string childFault;
+  if (!end.ok()) {
+    const std::string line = complaintOf(task.first().transcoder.getProgressLogPath());
+    childFault = "the encoder " + end.text() + (line.empty() ? "" : ": " + line);
+  }
+  for (PieceBranch* branch : task.branches) {
+    const std::string fault = childFault.empty() ? checkAndKeep(task, *branch) : childFault;
+    if (m_source.video.run.mustEnd()) return;
+    if (!fault.empty()) fail(task, *branch, fault);
+  }
+  showProgress();
+}
+
+std::string PieceWork::checkAndKeep(const Task& task, PieceBranch& branch) {
+  const auto goOn = [this] { return !m_source.video.run.mustEnd(); };
+  const std::string name = m_source.result(branch, task.piece);
+  const std::string output = m_source.checkpoint.newName(name);
+  const auto times = readVideoTimes(output, goOn);
+  if (!times) return "the result of the piece cannot be read";
+  const bool isLast = task.piece + 1 == m_source.plan.pieces.size();
+  std::string fault =
+      framesFault(*times, m_source.plan, m_source.plan.pieces[task.piece].frames, isLast);
+  if (!fault.empty()) return fault;
+  if (!m_source.checkpoint.keep(output, name, goOn)) return "the result cannot be written";
+  KX_RUNNER_LOG("resId(%s) transcode success\n", task.engine.resource.id.c_str());
+  branch.made[task.piece] = true;
+  m_onMade(task.piece);
+  return "";
+}
+
+void PieceWork::fail(const Task& task, PieceBranch& branch, const std::string& fault) {
+  const std::string& id = task.engine.resource.id;
+  KX_RUNNER_LOG("unit transcode error on resId(%s)\n", id.c_str());
+  KX_RUNNER_LOG_LEVEL(3, "piece %zu of %s for %s on %s: %s\n", task.piece,
+                      m_source.video.run.job().src.c_str(), branch.branch->config().name.c_str(),
+                      id.c_str(), fault.c_str());
+  if (task.branches.size() > 1) {
+    m_alone[{&branch, task.piece}] = true;
+    return;
+  }
+  Tries& tries = m_failed[{&branch, task.piece}];
+  tries.push_back(task.engine.number);
+  const bool isHopeless = std::ranges::all_of(m_engines, [&](const auto& engine) {
+    return !engine->isUsable || std::ranges::find(tries, engine->number) != tries.end();
+  });
+  if (isHopeless) branch.fault = "piece " + std::to_string(task.piece) + ": " + fault;
+}
+
+void PieceWork::showProgress() const {
+  double done = 0;
+  double all = 0;
+  for (const PieceBranch* branch : m_branches) {
+    for (size_t piece = 0; piece < m_source.plan.pieces.size(); ++piece) {
+      const auto frames = static_cast<double>(m_source.plan.pieces[piece].frames);
+      all += frames;
+      if (branch->made[piece]) done += frames;
+    }
+  }
+  for (const auto& [key, task] : m_tasks) {
+    const auto frames = static_cast<double>(m_source.plan.pieces[task->piece].frames);
+    done += frames * static_cast<double>(task->branches.size()) * m_group.percent(key) / 100;
+  }
+  constexpr double kBeforeJoining = 99;
+  if (all > 0) m_source.video.run.showProgress(static_cast<int>(done * kBeforeJoining / all));
+}
+
+}  // namespace runner
