@@ -34,6 +34,44 @@ struct Raster {
   }
 };
 
+// When the pictures of one piece are shown, in seconds.
+struct Span {
+  double begin;  // of the picture that the piece begins with
+  double first;
+  double last;
+};
+
+std::vector<Span> spansOf(const VideoTimes& source, const std::vector<int64_t>& packets) {
+  std::vector<Span> spans;
+  auto begin = source.seconds.begin();
+  for (const int64_t count : packets) {
+    const auto [first, last] = std::minmax_element(begin, begin + count);
+    spans.push_back({*begin, *first, *last});
+    begin += count;
+  }
+  return spans;
+}
+
+std::string spansFault(const std::vector<Span>& spans) {
+  for (size_t i = 0; i < spans.size(); ++i) {
+    // Pictures that are shown before the one that a piece begins with need the piece before it.
+    if (spans[i].first < spans[i].begin) return "its pieces need each other";
+    if (i > 0 && spans[i].first <= spans[i - 1].last) return "its pieces overlap";
+  }
+  return "";
+}
+
+// @param begin,end numbers of the pictures of the result that the piece covers
+PiecePlan planPiece(const Raster& raster, const Span& span, int64_t begin, int64_t end) {
+  PiecePlan piece;
+  piece.frames = end - begin;
+  piece.padStart = raster.number(span.first) - begin;
+  // The encoder counts from the first picture of the piece, so it may lack one at the end.
+  const int64_t own = std::llround((span.last - span.first) * raster.rate) + 1;
+  piece.padEnd = std::max<int64_t>(0, piece.frames - piece.padStart - own);
+  return piece;
+}
+
 CutPlan refused(const std::string& fault) {
   CutPlan plan;
   plan.fault = fault;
@@ -69,40 +107,28 @@ std::string rasterFault(const VideoTimes& source) {
 }
 
 CutPlan planCut(const VideoTimes& source, const std::vector<int64_t>& packets) {
-  CutPlan plan;
-  plan.fault = rasterFault(source);
-  if (!plan.fault.empty()) return plan;
+  std::string fault = rasterFault(source);
+  if (!fault.empty()) return refused(fault);
   if (packets.size() < 2) return refused("it has no place to be cut at");
+  if (std::ranges::min(packets) <= 0) return refused("a piece is empty");
   if (std::accumulate(packets.begin(), packets.end(), int64_t{0}) !=
       static_cast<int64_t>(source.seconds.size()))
     return refused("the pieces do not hold all its pictures");
-  const Raster raster(source);
+  const std::vector<Span> spans = spansOf(source, packets);
+  fault = spansFault(spans);
+  if (!fault.empty()) return refused(fault);
+  CutPlan plan;
   plan.rateNum = source.rateNum;
   plan.rateDen = source.rateDen;
-  auto begin = source.seconds.begin();
-  int64_t reached = 0;  // pictures of the result before this piece
-  for (size_t i = 0; i < packets.size(); ++i) {
-    if (packets[i] <= 0) return refused("a piece is empty");
-    const auto end = begin + packets[i];
-    const auto [first, last] = std::minmax_element(begin, end);
-    // Pictures that are shown before the one that a piece begins with need the piece before it.
-    if (*first < *begin) return refused("its pieces need each other");
-    const int64_t number = raster.number(*first);
-    PiecePlan piece;
-    piece.packets = packets[i];
-    piece.padStart = i == 0 ? number : 0;
-    piece.frames = raster.number(*last) + 1 - reached;
-    if (end != source.seconds.end()) {
-      const auto next = std::min_element(end, end + packets[i + 1]);
-      if (*next <= *last) return refused("its pieces overlap");
-      // The encoder counts from the first picture of the piece, so it may lack one at the end.
-      piece.frames = raster.number(*next) - reached;
-      const int64_t own = std::llround((*last - *first) * raster.rate) + 1 + piece.padStart;
-      piece.padEnd = std::max<int64_t>(0, piece.frames - own);
-    }
-    reached += piece.frames;
-    plan.pieces.push_back(piece);
-    begin = end;
+  const Raster raster(source);
+  int64_t reached = 0;  // pictures of the result before the piece
+  for (size_t i = 0; i < spans.size(); ++i) {
+    const bool isLast = i + 1 == spans.size();
+    const int64_t end =
+        isLast ? raster.number(spans[i].last) + 1 : raster.number(spans[i + 1].first);
+    plan.pieces.push_back(planPiece(raster, spans[i], reached, end));
+    plan.pieces.back().packets = packets[i];
+    reached = end;
   }
   return plan;
 }
@@ -111,9 +137,10 @@ std::string textOfPlan(const CutPlan& plan) {
   std::ostringstream text;
   text << kPlanHead << ' ' << plan.pieces.size() << ' ' << plan.rateNum << ' ' << plan.rateDen
        << '\n';
-  for (const PiecePlan& piece : plan.pieces)
+  for (const PiecePlan& piece : plan.pieces) {
     text << piece.packets << ' ' << piece.frames << ' ' << piece.padStart << ' ' << piece.padEnd
          << '\n';
+  }
   return text.str();
 }
 

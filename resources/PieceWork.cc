@@ -193,9 +193,10 @@ int PieceWork::launch(Task& task) {
 int PieceWork::launchOnCpu(Task& task) {
   const int threads = pieceThreads(MyUtil_GetCpuNum()).threads;
   std::vector<std::vector<std::string>> commands;
-  for (const auto& encoder : task.encoders)
+  for (const auto& encoder : task.encoders) {
     commands.push_back(
         pieceCommand(encoder->transcoder.getSWCommand(), m_source.plan, task.piece, threads));
+  }
   const std::vector<std::string> command = engines::sharedCommand(commands);
   if (command.empty()) return -1;
   return miscLaunchCmdNoWait(command, task.first().transcoder.getProgressLogPath());

@@ -172,6 +172,7 @@ std::string SegmentJob::cut() {
   if (!isCut) return "it could not be cut";
   const std::vector<Seg_t> segments = transcoder.getSegments();
   std::vector<int64_t> packets;
+  packets.reserve(segments.size());
   for (const Seg_t& segment : segments) packets.push_back(statedPictures(segment.segIn));
   m_plan = planCut(*times, packets);
   if (!m_plan.fault.empty()) return m_plan.fault;

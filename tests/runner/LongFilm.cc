@@ -18,6 +18,9 @@ constexpr int kRows = 3;
 constexpr int kBlock = 8;
 constexpr int kWidth = kColumns * kBlock;
 constexpr int kHeight = kRows * kBlock;
+constexpr size_t kBlocks = 24;
+constexpr size_t kPictureSize = 1536;
+static_assert(kBlocks == kColumns * kRows && kPictureSize == kWidth * kHeight);
 constexpr int kBits = 17;
 constexpr double kToneSeconds = 0.02;
 constexpr double kToneEvery = 10;
@@ -30,7 +33,7 @@ double numberOf(const std::string& fraction) {
 }
 
 std::string pictureOf(int number) {
-  std::string picture(size_t{kWidth} * kHeight, '\x10');
+  std::string picture(kPictureSize, '\x10');
   for (int bit = 0; bit < kBits; ++bit) {
     if ((number >> bit & 1) == 0) continue;
     const int top = bit / kColumns * kBlock;
@@ -113,7 +116,7 @@ std::vector<int> pictureNumbers(const std::string& path) {
            "-vf", "scale=" + std::to_string(kColumns) + ":" + std::to_string(kRows) + ":flags=area",
            "-pix_fmt", "gray", "-f", "rawvideo", "-"});
   std::vector<int> numbers;
-  constexpr size_t kSize = size_t{kColumns} * kRows;
+  constexpr size_t kSize = kBlocks;
   for (size_t at = 0; pixels && at + kSize <= pixels->size(); at += kSize) {
     int number = 0;
     for (int bit = 0; bit < kBits; ++bit) {

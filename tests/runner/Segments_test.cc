@@ -13,7 +13,6 @@
 namespace fs = std::filesystem;
 using namespace kxtest;
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -99,7 +98,7 @@ class Segments : public testing::Test {
   // Starts a job whose encoders of pieces from the sixth on never end, and waits for them.
   KxDBTaskParam startAndGetStuck(const std::string& source, uint64_t profiles = PROFILE_ORIGINAL) {
     encoderAfter("case \"$*\" in *-movie_timescale*segment_0000[5-9]*) exec sleep 600 ;; esac\n");
-    const KxDBTaskParam job = world.addJob(source, profiles);
+    KxDBTaskParam job = world.addJob(source, profiles);
     world.start(job);
     EXPECT_TRUE(waitUntil([&] { return commands("segment_00006").size() == 1; }));
     EXPECT_TRUE(waitUntil([&] { return keptPieces().size() == 5; }));
@@ -308,10 +307,10 @@ TEST_F(Segments, SeveralProfilesOfAPieceComeFromOneDecoding) {
     EXPECT_THAT(command, testing::AllOf(HasSubstr("/mobile240p/"), HasSubstr("/original/")));
   EXPECT_EQ(commands("-f segment").size(), 1u);
   EXPECT_EQ(commands("-f concat").size(), 2u);
-  for (const char* profile : {"mobile240p", "original"})
-    EXPECT_EQ(
-        pictureNumbers(world.media(std::string("@Transcode/film.mp4.") + profile + ".mp4")).size(),
-        1205u);
+  for (const char* profile : {"mobile240p", "original"}) {
+    const std::string made = world.media(std::string("@Transcode/film.mp4.") + profile + ".mp4");
+    EXPECT_EQ(pictureNumbers(made).size(), 1205u);
+  }
 }
 
 TEST_F(Segments, WithoutASharedEncoderOneProfileFollowsTheOther) {
