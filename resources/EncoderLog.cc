@@ -36,7 +36,7 @@ constexpr std::array<std::string_view, 15> kChatter = {"frame=",
                                                        "More than 1000 frames"};
 
 // The same of lines of a component, behind its name.
-constexpr std::array<std::string_view, 21> kStatistics = {"frame I:",
+constexpr std::array<std::string_view, 23> kStatistics = {"frame I:",
                                                           "frame P:",
                                                           "frame B:",
                                                           "mb I",
@@ -50,6 +50,8 @@ constexpr std::array<std::string_view, 21> kStatistics = {"frame I:",
                                                           "ref P",
                                                           "ref B",
                                                           "kb/s:",
+                                                          "consecutive B-frames:",
+                                                          "direct mvs",
                                                           "Qavg:",
                                                           "using ",
                                                           "profile ",

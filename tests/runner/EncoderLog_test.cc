@@ -31,6 +31,18 @@ TEST(EncoderLog, StatisticsAndProgressAreNoReason) {
             "vp9: Invalid frame marker");
 }
 
+TEST(EncoderLog, AFullDiskIsTheReasonThoughStatisticsFollow) {
+  EXPECT_EQ(complaint("Error writing trailer of /m/o.mp4: No space left on device\n"
+                      "frame=   23 fps=0.0 q=-1.0 Lsize=     768kB time=00:00:00.81\n"
+                      "video:1237kB audio:7kB subtitle:0kB muxing overhead: unknown\n"
+                      "Error closing file /m/o.mp4: No space left on device\n"
+                      "[libx264 @ 0x559de4095600] frame I:1     Avg QP:20.00  size: 82951\n"
+                      "[libx264 @ 0x559de4095600] consecutive B-frames: 26.2% 40.5% 28.6%\n"
+                      "[libx264 @ 0x559de4095600] direct mvs  spatial:98.6% temporal:1.4%\n"
+                      "Conversion failed!\n"),
+            "Error closing file /m/o.mp4: No space left on device");
+}
+
 TEST(EncoderLog, TheEncodersOwnLastWordIsTaken) {
   EXPECT_EQ(complaint("Output file is empty, nothing was encoded (check -ss / -t / -frames "
                       "parameters if used)\nConversion failed!\n"),
