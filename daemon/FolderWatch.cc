@@ -88,7 +88,10 @@ bool FolderWatch::stop(std::chrono::milliseconds limit) {
     monitor()->stopAll();
     monitor()->uninit();
   });
-  if (stopping.wait_for(limit) == std::future_status::ready) return true;
+  if (stopping.wait_for(limit) == std::future_status::ready) {
+    m_starting = {};
+    return true;
+  }
   // The process ends with _exit(), and whatever hangs in a file system ends with it.
   new std::future<void>(std::move(stopping));
   return false;
