@@ -6,7 +6,6 @@
 #include "Misc.h"
 #include "engines/EngineNote.h"
 #include "engines/HostFacts.h"
-#include "frame/ChildProcess.h"
 #include "frame/Log.h"
 
 static constexpr const char* kLogSource = "KxTranscoder";
@@ -30,21 +29,21 @@ bool makeHiddenFolders(const std::string& subtitle) {
 }
 
 int runExtractor(const std::string& program, const TranscodeParam& param,
-                 const std::string& subtitle) {
+                 const std::string& subtitle, const Extraction& how) {
   unlink(subtitle.c_str());  // a dangling link would send the text elsewhere
   const int pid = miscLaunchCmdNoWait(
-      {program, "-i", param.m_inFile, "-track", std::to_string(param.m_sid), subtitle}, "");
+      {program, "-i", param.m_inFile, "-track", std::to_string(param.m_sid), subtitle}, how.log);
   if (pid < 0) {
     KX_LOG_AS(kFunction, "launch subpull cmd fail\n");
     return 1;
   }
-  if (miscAnalysisRet(ChildProcess::adopt(pid).wait()) == 0) return 0;
+  if (how.wait(pid) == 0) return 0;
   KX_LOG_AS(kFunction, "subpull cmd fail\n");
   unlink(subtitle.c_str());  // half a file would count as extracted the next time
   return 1;
 }
 
-int extract(const TranscodeParam& param, const std::string& subtitle) {
+int extract(const TranscodeParam& param, const std::string& subtitle, const Extraction& how) {
   KX_LOG_AS(kFunction, "intra subtitle %s do not exist, try to generate it\n", subtitle.c_str());
   const std::string program = miscSystemPath("/usr/local/medialibrary/bin/subpull");
   if (!exists(program)) {
@@ -56,7 +55,7 @@ int extract(const TranscodeParam& param, const std::string& subtitle) {
               subtitle.c_str());
     return 0;
   }
-  return runExtractor(program, param, subtitle);
+  return runExtractor(program, param, subtitle, how);
 }
 
 }  // namespace
@@ -68,12 +67,12 @@ std::string extractedSubtitlePath(const std::string& video, int subtitleId) {
   return folder + "/.@__thumb/.genSub/" + name + ".si" + std::to_string(subtitleId) + ".srt";
 }
 
-int prepareSubtitle(TranscodeParam& param) {
+int prepareSubtitle(TranscodeParam& param, const Extraction& how) {
   if (param.m_sid < 0) return 0;
   const std::string subtitle = extractedSubtitlePath(param.m_inFile, param.m_sid);
   if (exists(subtitle)) {
     KX_LOG_AS(kFunction, "intra subtitle %s exist\n", subtitle.c_str());
-  } else if (extract(param, subtitle) != 0) {
+  } else if (extract(param, subtitle, how) != 0) {
     return 1;
   }
   if (param.m_subtitle.empty() && exists(subtitle)) param.m_subtitle = subtitle;

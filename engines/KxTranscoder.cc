@@ -60,7 +60,9 @@ KxTranscoder::~KxTranscoder() {
 int KxTranscoder::init(TranscodeParam& param) {
   m_param = param;
   if (checkRequest_() != 0 || openSource_() != 0 || applyProfile_() != 0) return 1;
-  if (prepareWorkFolder_() != 0 || engines::prepareSubtitle(m_param) != 0) return 1;
+  if (prepareWorkFolder_() != 0) return 1;
+  const auto wait = [this](int pid) { return waitForChild_(pid); };
+  if (engines::prepareSubtitle(m_param, {m_progressLog, wait}) != 0) return 1;
   return checkOutput_();
 }
 

@@ -52,6 +52,10 @@ class KxResMgr2 {
   /// Adds a registration to the resource that it names.
   /// @return 1 for an empty registration or an unknown resource
   int regRes(KxRegister& reg);
+  /// The resources with their registrations as they are known at this moment; the accelerator
+  /// tool is not asked. The caller holds the mutex, so what it chooses from them and registers
+  /// before it lets go cannot be overtaken by another choice.
+  std::vector<KxResource2> getKnownResVec() const;
   /// Removes a registration, see KxResource2::rmRegInfo().
   /// @return 1 for an empty registration or an unknown resource
   int unRegRes(KxRegister& reg);

@@ -186,7 +186,8 @@ class KxTranscoder {
   KxTranscoder& operator=(const KxTranscoder&) = delete;
 
   /// Checks the request, opens and probes the source, applies the profile, and makes the
-  /// work folder and, when an embedded subtitle is chosen, its extracted text.
+  /// work folder and, when an embedded subtitle is chosen, its extracted text. What the
+  /// extractor says of a failure is in getProgressLogPath().
   /// @param param copied; the caller's record stays as it is
   /// @return 0, or 1 at the first failed step; mounts and work folder made so far stay
   int init(TranscodeParam& param);
@@ -227,10 +228,10 @@ class KxTranscoder {
   /// @return the child's pid, or -1. The caller waits for it and renames the result.
   int workaroundStripMetadata(std::string output);
 
-  /// Waits for a child that doSegment() or doMerge() started, in the calling thread, and reaps
+  /// Waits for a child that init(), doSegment() or doMerge() started, in the calling thread, and reaps
   /// it. It may end the child early. @return 0 when the child did its work, else another value
   using ChildWaiter = std::function<int(int pid)>;
-  /// Sets how doSegment() and doMerge() wait, so that a caller can follow and stop their
+  /// Sets how init(), doSegment() and doMerge() wait, so that a caller can follow and stop their
   /// children. Without one they wait until the child ends by itself, as long as it takes.
   void setChildWaiter(ChildWaiter waiter) { m_childWaiter = std::move(waiter); }
 

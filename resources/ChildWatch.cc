@@ -242,11 +242,10 @@ void ChildGroup::showFirst() {
   m_run.showPid(m_members.empty() ? -1 : m_members.front()->child.pid());
 }
 
-ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points) {
+ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points, seconds limit) {
   ChildProcess child = ChildProcess::adopt(pid);
   const ShownChild shown(run, pid);
   ProgressWatch progress(points);
-  const seconds limit = stallLimit();
   while (true) {
     const Wake wake = waitForSomething(run, {&child});
     if (wake == Wake::ChildEnded) return endOf(child.wait());

@@ -30,11 +30,15 @@ struct WatchPoints {
   std::vector<std::string> files;  // log and output; growing or changing is progress
 };
 
+// Time without progress after which a child is stopped.
+std::chrono::seconds stallLimit();
+
 // Follows a child that miscLaunchCmdNoWait started until it ends, on its pidfd and the unit's
 // notification. The unit shows its pid and its progress. A stop or a suspension of the unit,
-// and STALL_SEC seconds without progress, end the child with SIGTERM and, when that does not
-// help, SIGKILL.
-ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points);
+// and a time without progress, end the child with SIGTERM and, when that does not help,
+// SIGKILL.
+ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points,
+                     std::chrono::seconds limit = stallLimit());
 
 // Follows several children at a time, each as followChild() does. The unit shows the pid of the
 // one that was added first; what it shows of the progress is left to the caller. Children that
@@ -86,9 +90,6 @@ class ShownChild {
  private:
   JobRun& m_run;
 };
-
-// Time without progress after which a child is stopped.
-std::chrono::seconds stallLimit();
 
 // Tells the child to end because the unit was stopped, and waits until it has.
 void stopChild(ChildProcess& child);

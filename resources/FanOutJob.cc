@@ -30,8 +30,11 @@ bool FanOutJob::isWanted() const {
 }
 
 void FanOutJob::encode(KxResource2& cpu) {
-  const Attempt result = attemptOn(m_video.run, cpu, videoRegistration(m_video),
-                                   [this](KxResource2&) { return encodeAll(); });
+  std::vector<KxResource2> only = {cpu};
+  std::string resId;
+  const Attempt result = attemptOnBest(
+      m_video.run, only, videoRegistration(m_video), [this](KxResource2&) { return encodeAll(); },
+      resId);
   if (result.ok || m_video.run.mustEnd()) return;
   KX_RUNNER_LOG_LEVEL(2, "one encoder for %zu profiles of %s: %s, we try each by itself\n",
                       m_branches.size(), m_video.run.job().src.c_str(), result.fault.c_str());

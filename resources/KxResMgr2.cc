@@ -144,6 +144,10 @@ std::vector<KxResource2> KxResMgr2::getResVec() {
   return copy;
 }
 
+std::vector<KxResource2> KxResMgr2::getKnownResVec() const {
+  return m_resources->entries();
+}
+
 int KxResMgr2::regRes(KxRegister& reg) {
   if (reg.isEmpty) {
     KX_LOG("reg is empty\n");

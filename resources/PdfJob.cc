@@ -115,7 +115,7 @@ bool PdfJob::renderOnCpu() {
     KX_RUNNER_LOG("can not find appropriate cpu resource for PDF transcode\n");
     return m_run.fail("there is no CPU resource");
   }
-  const Registration registration(m_run, *cpu, registrationInfo(m_run, 0, 0));
+  const Registration registration(m_run, {*cpu}, registrationInfo(m_run, 0, 0));
   if (!registration.valid()) return m_run.fail(cpu->id + ": cannot be used");
   return render();
 }

@@ -164,8 +164,8 @@ bool PieceWork::isFree(const PieceBranch& branch, size_t piece, const Engine& en
 
 bool PieceWork::useEngine(Engine& engine) {
   if (engine.registration) return true;
-  engine.registration = std::make_unique<Registration>(m_source.video.run, engine.resource,
-                                                       videoRegistration(m_source.video));
+  engine.registration = std::make_unique<Registration>(
+      m_source.video.run, std::vector{engine.resource}, videoRegistration(m_source.video));
   engine.isUsable = engine.registration->valid();
   return engine.isUsable;
 }

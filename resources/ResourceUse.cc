@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
+#include <utility>
 
 #include "resources/JobRecord.h"
 #include "resources/RunnerLog.h"
@@ -22,6 +24,17 @@ class ManagerLock {
   ManagerLock(const ManagerLock&) = delete;
   ManagerLock& operator=(const ManagerLock&) = delete;
 };
+
+// The best of some resources by the registrations that they have now; one that is gone stays
+// as it was, and will not take the registration. The manager's lock is held.
+KxResource2 bestNow(std::vector<KxResource2> candidates) {
+  const std::vector<KxResource2> known = KxResMgr2::getInstance()->getKnownResVec();
+  for (KxResource2& candidate : candidates) {
+    const auto now = std::ranges::find(known, candidate.id, &KxResource2::id);
+    if (now != known.end()) candidate = *now;
+  }
+  return getPriorityResVec(std::move(candidates)).front();
+}
 
 }  // namespace
 
@@ -47,18 +60,20 @@ KxRegInfo registrationInfo(const JobRun& run, int width, int height) {
   return info;
 }
 
-Registration::Registration(JobRun& run, const KxResource2& resource, const KxRegInfo& info)
+Registration::Registration(JobRun& run, const std::vector<KxResource2>& candidates,
+                           const KxRegInfo& info)
     : m_run(run) {
-  if (m_reg.init(resource.resType, resource.id, REGJOB_UNIT, run.task(), info) != 0) {
-    KX_RUNNER_LOG("reg init fail, resId(%s)\n", resource.id.c_str());
-    return;
-  }
-  m_registered = enter();
+  const ManagerLock lock;
+  m_resource = bestNow(candidates);
+  m_registered = enter(info);
 }
 
 // The unit shows the registration from the moment the manager has it.
-bool Registration::enter() {
-  const ManagerLock lock;
+bool Registration::enter(const KxRegInfo& info) {
+  if (m_reg.init(m_resource.resType, m_resource.id, REGJOB_UNIT, m_run.task(), info) != 0) {
+    KX_RUNNER_LOG("reg init fail, resId(%s)\n", m_resource.id.c_str());
+    return false;
+  }
   if (KxResMgr2::getInstance()->regRes(m_reg) != 0) {
     KX_RUNNER_LOG("KxResMgr register resource fail\n");
     return false;
@@ -76,9 +91,12 @@ Registration::~Registration() {
   m_run.showRegistration(KxRegister());
 }
 
-Attempt attemptOn(JobRun& run, KxResource2& resource, const KxRegInfo& info,
-                  const std::function<Attempt(KxResource2&)>& attempt) {
-  const Registration registration(run, resource, info);
+Attempt attemptOnBest(JobRun& run, std::vector<KxResource2>& candidates, const KxRegInfo& info,
+                      const std::function<Attempt(KxResource2&)>& attempt, std::string& resId) {
+  Registration registration(run, candidates, info);
+  KxResource2& resource = registration.resource();
+  resId = resource.id;
+  std::erase_if(candidates, [&](const KxResource2& one) { return one.id == resId; });
   if (!registration.valid()) return {false, "cannot be used"};
   Attempt result = attempt(resource);
   if (result.ok) {
@@ -94,13 +112,15 @@ std::string tryResources(JobRun& run, const KxRegInfo& info,
   std::vector<KxResource2> resources = resourcesToTry(2);
   if (resources.empty()) return "there is no transcoding resource";
   std::string faults;
-  for (KxResource2& resource : resources) {
-    const Attempt result = attemptOn(run, resource, info, attempt);
+  while (!resources.empty()) {
+    std::string resId;
+    const Attempt result = attemptOnBest(run, resources, info, attempt, resId);
     if (result.ok) {
-      if (!faults.empty()) run.remark(faults + "; done by " + resource.id);
+      if (!faults.empty()) run.remark(faults + "; done by " + resId);
       return "";
     }
-    faults += (faults.empty() ? "" : "; ") + resource.id + ": " + result.fault;
+    if (!faults.empty()) faults += "; ";
+    faults.append(resId).append(": ").append(result.fault);
     if (run.mustEnd()) {
       KX_RUNNER_LOG("someone stop this unit transcode\n");
       KX_RUNNER_LOG("someone stop this transcode unit\n");

@@ -5,15 +5,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "frame/UniqueFd.h"
+#include "probe/FormatContext.h"
 
 namespace runner {
 namespace {
 
+constexpr std::chrono::seconds kLongestLook(10);
 constexpr off_t kLargestSubtitle = 16 << 20;
 constexpr std::string_view kUtf8Mark = "\xef\xbb\xbf";
 constexpr const char* kChinese = "GB18030";
@@ -133,6 +138,15 @@ SubtitleText readSubtitle(const std::string& path) {
   text.utf8 = utf8->starts_with(kUtf8Mark) ? utf8->substr(kUtf8Mark.size()) : *utf8;
   if (isPlaylist(text.utf8)) text.fault = "the subtitle is a playlist";
   return text;
+}
+
+bool isSubtitle(const std::string& path) {
+  kxprobe::FormatContext context(std::chrono::steady_clock::now() + kLongestLook);
+  if (!context.open(path) || !context.readStreamInfo()) return false;
+  const std::vector<kxprobe::StreamFacts> streams = context.facts().streams;
+  return !streams.empty() && std::ranges::all_of(streams, [](const auto& stream) {
+    return stream.kind == kxprobe::StreamKind::Subtitle;
+  });
 }
 
 bool writeText(const std::string& path, const std::string& text) {

@@ -22,6 +22,10 @@ std::string encodingOf(const std::string& bytes);
 // subtitle.
 SubtitleText readSubtitle(const std::string& path);
 
+// True when a demuxer takes the file for a subtitle and nothing else. The renderer would open
+// whatever it is given, playlists and session descriptions too.
+bool isSubtitle(const std::string& path);
+
 // Writes a new file, for its owner alone.
 bool writeText(const std::string& path, const std::string& text);
 

@@ -105,12 +105,14 @@ bool VideoJob::chooseSubtitle() {
 bool VideoJob::convertSubtitle() {
   const SubtitleText text = readSubtitle(m_subtitle);
   if (!text.fault.empty()) return m_run.fail(text.fault + ": " + m_subtitle);
-  if (text.encoding == kUtf8) return true;
-  m_subtitleText.emplace(m_temp, ".srt");
-  if (!writeText(m_subtitleText->path(), text.utf8))
-    return m_run.fail("the subtitle could not be converted: " + m_subtitle);
-  m_subtitle = m_subtitleText->path();
-  return true;
+  const std::string original = m_subtitle;
+  if (text.encoding != kUtf8) {
+    m_subtitleText.emplace(m_temp, ".srt");
+    m_subtitle = m_subtitleText->path();
+    if (!writeText(m_subtitle, text.utf8))
+      return m_run.fail("the subtitle could not be converted: " + original);
+  }
+  return isSubtitle(m_subtitle) || m_run.fail("the subtitle is not understood: " + original);
 }
 
 bool VideoJob::convertSelected() {

@@ -1,14 +1,21 @@
 #include "resources/VideoProfile.h"
 
+#include <algorithm>
+
 #include "KxHostPlatform.h"
 #include "Misc.h"
 #include "engines/FilterChain.h"
 #include "engines/HostFacts.h"
 #include "engines/SegmentMerge.h"
+#include "resources/EncoderLog.h"
 #include "resources/RunnerLog.h"
 
 namespace runner {
 namespace {
+
+// A program that reads the whole source and shows nothing of it gets this many times as long
+// as one that reports.
+constexpr int kSilentSteps = 6;
 
 int chooseAudioCodec(const TransConfigEntry& config, const KxStream& audio) {
   if (!audio.m_isEmpty && audio.m_codecId == KX_CODEC_AAC) return KX_CODEC_AAC;
@@ -79,7 +86,12 @@ VideoProfile::VideoProfile(const VideoContext& video, const TransConfigEntry& co
     : m_video(video), m_config(config),
       m_placement(video.run.source(), video.visible, video.links, config.name,
                   askedRotation(video.run.job().rotation)),
-      m_file(video.temp, ".mp4"), m_cleanup([this] { return m_transcoder.getWorkFolder(); }) {}
+      m_file(video.temp, ".mp4"), m_cleanup([this] { return m_transcoder.getWorkFolder(); }) {
+  m_transcoder.setChildWaiter([this](int pid) {
+    const ChildEnd end = followChild(m_video.run, pid, {}, kSilentSteps * stallLimit());
+    return end.ok() ? 0 : std::max(end.result, 1);
+  });
+}
 
 std::string VideoProfile::obstacle() const {
   const int track = m_video.run.job().vid;
@@ -101,7 +113,8 @@ std::string VideoProfile::open() {
   param.m_outFile = m_file.path();
   if (m_transcoder.init(param) == 0) return "";
   KX_RUNNER_LOG_LEVEL(2, "transcoder for %s init fail\n", job.src.c_str());
-  return "the transcoder could not be set up";
+  const std::string complaint = complaintOf(m_transcoder.getProgressLogPath());
+  return complaint.empty() ? "the transcoder could not be set up" : complaint;
 }
 
 std::string VideoProfile::finish() {

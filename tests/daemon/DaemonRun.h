@@ -37,8 +37,10 @@ class DaemonRoot {
   // Files and folders that jobs must not leave behind.
   std::vector<std::string> leftovers() const;
 
- private:
+  // An executable shell script below the root.
   void script(const std::string& name, const std::string& body) const;
+
+ private:
   TempDir m_dir;
 };
 

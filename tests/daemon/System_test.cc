@@ -256,6 +256,33 @@ TEST(Daemon, TheClientQueuesASongAndItsSoundBecomesAnMp3File) {
   EXPECT_EQ(root.leftovers(), std::vector<std::string>{});
 }
 
+TEST(Daemon, TheClientShowsWhyACardWasLeft) {
+  const DaemonRoot root;
+  root.configure("MAX_UNITS=1\nSTALL_SEC=1\n");
+  root.script(
+      "sbin/accelctl",
+      "case $1 in -l) echo gpu0:maker:model:external:1; echo gpu1:maker:model:external:1;;\n"
+      "-q) printf 'count=2\\ngpu0\\ngpu1\\n';; -s) echo real_status=2,transcode=1;; esac\n");
+  // The first card that is tried fails, the next one hangs.
+  root.script("usr/local/medialibrary/bin/transcode_agent",
+              "mkdir '" + root.media("tried") +
+                  "' 2> /dev/null || exec sleep 600\necho no memory >&2\nexit 9\n");
+  makeClip(root.media("a.mp4"), 160, 120);
+  const DaemonRun daemon(root);
+  const int64_t id = daemon.add(root.media("a.mp4"));
+  ASSERT_TRUE(waitForEnd(daemon, id));
+  EXPECT_EQ(daemon.status(id), JOB_DONE);
+  const auto shown = run({KX_BUILD_DIR "/bin/xcodectl", "--root", root.path(), "show", "1"});
+  ASSERT_TRUE(shown);
+  const std::string failed = ": the encoder ended with 9: no memory; gpu";
+  const std::string hung = ": the encoder made no progress; done by sw_cpu";
+  EXPECT_NE(shown->find(failed), std::string::npos) << *shown;
+  EXPECT_NE(shown->find(hung), std::string::npos) << *shown;
+  EXPECT_TRUE(daemon.children().empty());
+  for (const json& resource : jsonOf(*daemon.ask(KX_CMD_GET_RESOURCE)))
+    EXPECT_EQ(resource.at("registrations"), 0);
+}
+
 TEST(Daemon, ASongShowsItsProgressAndIsCancelledAtOnce) {
   const DaemonRoot root;
   root.useRealParser();

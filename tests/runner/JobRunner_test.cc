@@ -540,6 +540,60 @@ TEST_F(CardJob, TwoCardsShareTheJobs) {
   EXPECT_TRUE(hasLine(5, "resId(gpu1) transcode success\n"));
 }
 
+TEST_F(CardJob, JobsThatChooseAtTheSameInstantAreSpreadOverTheCards) {
+  world.setCards({"gpu0:maker:model:external:1", "gpu1:maker:model:external:1"});
+  // All of them learn of the cards at the same time.
+  const std::string tool = world.root().file("/sbin/accelctl");
+  writeFile(tool, "#!/bin/sh\n[ \"$1\" = -l ] && sleep 0.3\n" + readFile(tool));
+  constexpr int kJobs = 4;
+  const std::string first = clip("0.mp4");
+  // Each waits for the others.
+  world.setAgent("touch '" + world.media("at.") + "'$$\n" + "until [ $(ls '" + world.media("") +
+                 "' | grep -c '^at') -ge " + std::to_string(kJobs) + " ]; do sleep 0.02; done\n" +
+                 kFindOutput + "exec ffmpeg -v error -y -i '" + first +
+                 "' -s 320x240 -c:v libx264 -c:a aac \"$out\"\n");
+  std::vector<KxDBTaskParam> jobs;
+  jobs.reserve(kJobs);
+  for (int i = 0; i < kJobs; ++i)
+    jobs.push_back(world.addJob(clip(std::to_string(i) + ".mp4"), PROFILE_240P));
+  for (const KxDBTaskParam& job : jobs) world.start(job);
+  ASSERT_TRUE(world.waitForUnits());
+  for (const KxDBTaskParam& job : jobs)
+    EXPECT_EQ(world.row(job.id).status, JOB_DONE) << world.reason(job.id);
+  EXPECT_EQ(log.count("resId(gpu0) transcode success\n"), kJobs / 2);
+  EXPECT_EQ(log.count("resId(gpu1) transcode success\n"), kJobs / 2);
+  EXPECT_EQ(world.registrations(), 0u);
+}
+
+TEST_F(CardJob, TheShippedAgentEncodesAndShowsItsProgress) {
+  const std::string source = clip("film.mp4", 160, 120, 5);
+  const std::string tools = std::string(KX_BUILD_DIR) + "/tools/";
+  const std::string programs = world.root().file("/usr/local/medialibrary/bin/");
+  for (const char* program : {"transcode_agent", "xlogparse.sh"})
+    fs::copy_file(tools + program, programs + program, fs::copy_options::overwrite_existing);
+  setenv("KX_AGENT_ENCODER", "libx264", 1);
+  world.setEncoder(kSlowEncoder);
+  const KxDBTaskParam job = world.addJob(source, PROFILE_240P);
+  world.start(job);
+  int last = 0;
+  int steps = 0;
+  EXPECT_TRUE(waitUntil([&] {
+    const auto unit = world.unit();
+    if (!unit || unit->getState() != UNIT_START) return true;
+    EXPECT_TRUE(unit->getReg().m_resId == "gpu0" || unit->getReg().isEmpty);
+    const int progress = unit->getProgress();
+    if (progress > last) ++steps;
+    last = std::max(last, progress);
+    return false;
+  }));
+  unsetenv("KX_AGENT_ENCODER");
+  ASSERT_TRUE(world.waitForUnits());
+  expectDone(world.row(job.id));
+  EXPECT_GE(steps, 3);
+  EXPECT_TRUE(hasLine(5, "resId(gpu0) transcode success\n"));
+  EXPECT_EQ(probe(result("film.mp4.mobile240p.mp4"))->videoCodec, "h264");
+}
+
 // --- stop, suspension and what others see
 
 class RunningJob : public JobRunner {

@@ -68,11 +68,38 @@ TEST(SubtitleText, APlaylistIsNoSubtitle) {
   EXPECT_EQ(readSubtitle("/absent.srt").fault, "the subtitle cannot be read");
 }
 
+TEST(SubtitleText, WhateverElseARendererWouldOpenIsNoSubtitle) {
+  const TempDir dir;
+  writeFile(dir / "good.srt", kTimes + "hello\n\n");
+  EXPECT_TRUE(runner::isSubtitle(dir / "good.srt"));
+  const std::pair<const char*, std::string> bad[] = {
+      {"session.srt", "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\n"
+                      "m=video 5004 RTP/AVP 96\na=rtpmap:96 H264/90000\n"},
+      {"list.srt", "#EXTM3U\n#EXTINF:1,\n/etc/passwd\n"},
+      {"dash.srt", "<?xml version=\"1.0\"?>\n<MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\" "
+                   "profiles=\"urn:mpeg:dash:profile:isoff-on-demand:2011\"></MPD>\n"},
+      {"files.srt", "ffconcat version 1.0\nfile '/etc/passwd'\n"},
+      {"notes.txt", "just some words\n"},
+  };
+  for (const auto& [name, text] : bad) {
+    writeFile(dir / name, text);
+    EXPECT_FALSE(runner::isSubtitle(dir / name)) << name;
+  }
+  makeClip(dir / "clip.srt.mp4");
+  EXPECT_FALSE(runner::isSubtitle(dir / "clip.srt.mp4"));
+}
+
 TEST(SubtitleText, RealFilesGiveReadableText) {
   if (!mediaDir()) GTEST_SKIP() << "no folder of real media files";
   for (const auto& entry : std::filesystem::directory_iterator(*mediaDir() + "/subs")) {
     const runner::SubtitleText text = readSubtitle(entry.path());
     EXPECT_EQ(text.fault, "") << entry.path();
     EXPECT_EQ(text.utf8.find('\0'), std::string::npos) << entry.path() << " " << text.encoding;
+    const TempDir dir;
+    writeFile(dir / "a.srt", text.utf8);
+    // Some have times without fractions, which the renderer does not read either.
+    EXPECT_EQ(runner::isSubtitle(dir / "a.srt"),
+              run({"ffprobe", "-v", "quiet", dir / "a.srt"}).has_value())
+        << entry.path();
   }
 }

@@ -41,6 +41,11 @@ struct Picture {
   }
 };
 
+bool hasEnded(pid_t pid) {
+  const std::string status = readFile("/proc/" + std::to_string(pid) + "/status");
+  return status.empty() || status.find("State:\tZ") != std::string::npos;
+}
+
 class Subtitles : public testing::Test {
  protected:
   Subtitles() {
@@ -72,6 +77,23 @@ class Subtitles : public testing::Test {
     return drawn([this](KxDBTaskParam& job) { job.subtitle = world.media("other.srt"); });
   }
 
+  // As the system's own converter writes it; empty when that fails.
+  std::string encodedAs(const std::string& utf8, const std::string& encoding) const {
+    writeFile(world.media("utf8"), utf8);
+    return run({"iconv", "-f", "UTF-8", "-t", encoding, world.media("utf8")}).value_or("");
+  }
+  // A video whose only subtitle track says that it holds pictures.
+  void makeFilmWithPictureSubtitles() {
+    writeFile(world.media("one.srt"), srt("x"));
+    run({"ffmpeg", "-v", "error", "-i", world.media("film.mp4"), "-i", world.media("one.srt"),
+         "-map", "0", "-map", "1", "-c", "copy", "-c:s", "srt", world.media("film.mkv")});
+    std::string film = readFile(world.media("film.mkv"));
+    const size_t codec = film.find("S_TEXT/UTF8");
+    ASSERT_NE(codec, std::string::npos);
+    writeFile(world.media("film.mkv"),
+              film.replace(codec, 11, std::string("S_VOBSUB") + std::string(3, '\0')));
+  }
+
   RunnerWorld world;
   RecordingLog log;
 };
@@ -88,24 +110,30 @@ TEST_F(Subtitles, TheFileBesideTheVideoIsDrawnWhenThatIsOn) {
 }
 
 TEST_F(Subtitles, LookTheSameInEveryEncoding) {
-  const Picture plain = drawnFrom(srt("Gr\xc3\xbc\xc3\x9f"
-                                      "e"));
-  EXPECT_GT(plain.lit(), 100);
-  EXPECT_EQ(drawnFrom("\xef\xbb\xbf" + srt("Gr\xc3\xbc\xc3\x9f"
-                                           "e"))
-                .rgb,
-            plain.rgb);
-  EXPECT_EQ(drawnFrom(srt("Gr\xfc\xdf"
-                          "e"))
-                .rgb,
-            plain.rgb);
-  std::string wide = "\xff\xfe";
-  for (const char c : srt("Gr\xfc\xdf"
-                          "e"))
-    wide += std::string(1, c) + '\0';
-  EXPECT_TRUE(drawnFrom(wide).rgb == plain.rgb);
-  const Picture chinese = drawnFrom(srt("\xe4\xbd\xa0\xe5\xa5\xbd"));
-  EXPECT_TRUE(drawnFrom(srt("\xc4\xe3\xba\xc3")).rgb == chinese.rgb);
+  const std::string western = srt("Gr\xc3\xbc\xc3\x9f"
+                                  "e \xc3\xa0 tous");
+  const std::string chinese = srt("\xe4\xbd\xa0\xe5\xa5\xbd\xef\xbc\x8c\xe4\xb8\x96\xe7\x95\x8c");
+  const struct {
+    const std::string& text;
+    const char* encoding;
+    const char* mark;
+  } cases[] = {
+      {western, "UTF-8", "\xef\xbb\xbf"}, {western, "UTF-16LE", "\xff\xfe"},
+      {western, "UTF-16BE", "\xfe\xff"},  {western, "UTF-16LE", ""},
+      {western, "ISO-8859-1", ""},        {western, "WINDOWS-1252", ""},
+      {chinese, "UTF-8", "\xef\xbb\xbf"}, {chinese, "UTF-16LE", "\xff\xfe"},
+      {chinese, "UTF-16BE", "\xfe\xff"},  {chinese, "GBK", ""},
+  };
+  const Picture plain[] = {drawnFrom(western), drawnFrom(chinese), drawnFrom(srt("Grusse a tous"))};
+  for (const Picture& picture : plain) EXPECT_GT(picture.lit(), 100);
+  EXPECT_FALSE(plain[0].rgb == plain[2].rgb) << "accents do not show";
+  for (const auto& [text, encoding, mark] : cases) {
+    SCOPED_TRACE(std::string(encoding) + (*mark == '\0' ? "" : " with a mark"));
+    const std::string encoded = encodedAs(text, encoding);
+    ASSERT_NE(encoded, "");
+    const Picture& expected = plain[&text == &western ? 0 : 1];
+    EXPECT_TRUE(drawnFrom(mark + encoded).rgb == expected.rgb);
+  }
 }
 
 TEST_F(Subtitles, TakeSizeColourAndShiftFromTheJob) {
@@ -163,4 +191,48 @@ TEST_F(Subtitles, APlaylistInPlaceOfASubtitleFailsTheJob) {
                 [this](KxDBTaskParam& job) { job.subtitle = world.media("other.srt"); });
   EXPECT_EQ(row.status, JOB_ERROR);
   EXPECT_NE(world.reason(row.id).find("the subtitle is a playlist"), std::string::npos);
+}
+
+TEST_F(Subtitles, ATrackOfPicturesIsRefusedAndTheReasonSaysSo) {
+  makeFilmWithPictureSubtitles();
+  for (const bool withCard : {false, true}) {
+    if (withCard) world.setCards({"gpu0:maker:model:external:1"});
+    const KxDBTaskParam row =
+        world.run(world.media("film.mkv"), PROFILE_240P, [](KxDBTaskParam& job) { job.sid = 0; });
+    EXPECT_EQ(row.status, JOB_ERROR);
+    EXPECT_EQ(world.reason(row.id), "mobile240p: subpull: subtitle track 0 of " +
+                                        world.media("film.mkv") +
+                                        " is stored as pictures and holds no text");
+    EXPECT_TRUE(world.leftovers().empty());
+  }
+}
+
+TEST_F(Subtitles, AStopWhileATrackIsExtractedActsAtOnce) {
+  // What the extractor starts is stopped with it.
+  world.root().script("/usr/local/medialibrary/bin/subpull",
+                      "trap '' TERM\nsleep 600 &\necho $! > '" + world.media("started") +
+                          "'\nwait\n");
+  const KxDBTaskParam job =
+      world.addJob(world.media("film.mp4"), PROFILE_240P, [](KxDBTaskParam& row) { row.sid = 0; });
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return readFile(world.media("started")).ends_with("\n"); }));
+  const pid_t sleeper = atoi(readFile(world.media("started")).c_str());
+  EXPECT_GT(world.unit()->getPid(), 0) << "the unit shows its child";
+  const auto asked = std::chrono::steady_clock::now();
+  world.stop(job.id);
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
+  EXPECT_EQ(world.row(job.id).status, JOB_WAITING);
+  EXPECT_TRUE(world.leftovers().empty());
+  EXPECT_FALSE(fs::exists(world.media(".@__thumb/.genSub/film.mp4.si0.srt")));
+  EXPECT_TRUE(waitUntil([&] { return hasEnded(sleeper); }));
+}
+
+TEST_F(Subtitles, AnExtractorThatHangsFailsTheJobInTheEnd) {
+  world.configure("STALL_SEC=1\n");
+  world.root().script("/usr/local/medialibrary/bin/subpull", "exec sleep 600\n");
+  const KxDBTaskParam row =
+      world.run(world.media("film.mp4"), PROFILE_240P, [](KxDBTaskParam& job) { job.sid = 0; });
+  EXPECT_EQ(row.status, JOB_ERROR);
+  EXPECT_NE(world.reason(row.id), "");
 }
