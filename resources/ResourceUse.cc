@@ -116,7 +116,7 @@ std::string tryResources(JobRun& run, const KxRegInfo& info,
     std::string resId;
     const Attempt result = attemptOnBest(run, resources, info, attempt, resId);
     if (result.ok) {
-      if (!faults.empty()) run.remark(faults + "; done by " + resId);
+      if (!faults.empty()) run.remark(faults.append("; done by ").append(resId));
       return "";
     }
     if (!faults.empty()) faults += "; ";

@@ -272,7 +272,8 @@ TEST(Daemon, TheClientShowsWhyACardWasLeft) {
   const int64_t id = daemon.add(root.media("a.mp4"));
   ASSERT_TRUE(waitForEnd(daemon, id));
   EXPECT_EQ(daemon.status(id), JOB_DONE);
-  const auto shown = run({KX_BUILD_DIR "/bin/xcodectl", "--root", root.path(), "show", "1"});
+  const std::string client = KX_BUILD_DIR "/bin/xcodectl";
+  const auto shown = run({client, "--root", root.path(), "show", "1"});
   ASSERT_TRUE(shown);
   const std::string failed = ": the encoder ended with 9: no memory; gpu";
   const std::string hung = ": the encoder made no progress; done by sw_cpu";
