@@ -1,5 +1,7 @@
 #include "engines/DiscMount.h"
 
+#include <sys/mount.h>
+
 #include <climits>
 #include <utility>
 
@@ -52,6 +54,7 @@ int DiscMount::mountOnHost(const std::string& image) {
     return 1;
   }
   m_mountPoint = path;
+  if (!noteMount(m_mountPoint)) return 1;
   m_hostFolder = discFolder(m_mountPoint);
   return 0;
 }
@@ -65,11 +68,30 @@ int DiscMount::mountInAddOn(const std::string& image) {
     return 1;
   }
   m_chrootMount = path;
-  m_addOnFolder = discFolder(joinPath(m_chrootPath, m_chrootMount));
+  const std::string onHost = joinPath(m_chrootPath, m_chrootMount);
+  if (!noteMount(onHost)) return 1;
+  m_addOnFolder = discFolder(onHost);
   return 0;
 }
 
+bool DiscMount::noteMount(const std::string& onHost) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_mounts.push_back(onHost);
+  return !m_isAbandoned;
+}
+
+void DiscMount::abandon() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_isAbandoned = true;
+  // Ends the connection to a FUSE server; whether it is unmounted too does not matter here.
+  for (const std::string& mount : m_mounts) umount2(mount.c_str(), MNT_FORCE);
+}
+
 int DiscMount::release() {
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_mounts.clear();
+  }
   int result = 0;
   const std::string chrootMount = std::exchange(m_chrootMount, "");
   if (!chrootMount.empty() && chrootUmountIso(m_chrootPath.c_str(), chrootMount.c_str()) != 0) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "Misc.h"
+#include "engines/DiscSource.h"
 #include "engines/HostFacts.h"
 #include "engines/MusicCommand.h"
 #include "engines/ProgressReader.h"
@@ -52,7 +53,8 @@ void MusicTranscodeParam::dump() {
   for (const std::string& argument : m_extraCmds) KX_LOG("unknow cmd: %s\n", argument.c_str());
 }
 
-KxMusicTranscoder::KxMusicTranscoder() : m_progress(0) {}
+KxMusicTranscoder::KxMusicTranscoder()
+    : m_source(std::make_unique<engines::DiscSource>()), m_progress(0) {}
 
 KxMusicTranscoder::~KxMusicTranscoder() {
   if (!m_progressLog.empty()) unlink(m_progressLog.c_str());
@@ -70,11 +72,10 @@ int KxMusicTranscoder::openSource_() {
     KX_LOG_AS("init", "m_inFile %s is invalid\n", source.c_str());
     return 1;
   }
-  if (m_mediaInfo.init(source) != 0) {
-    KX_LOG_AS("init", "mediainfo init fail\n");
-    return 1;
-  }
-  return 0;
+  if (m_source->attach(source) != 0) return 1;
+  if (m_source->probe(m_mediaInfo) == 0) return 0;
+  KX_LOG_AS("init", "mediainfo init fail\n");
+  return 1;
 }
 
 int KxMusicTranscoder::placeOutput_() {
@@ -122,14 +123,15 @@ int KxMusicTranscoder::transcode(KxResource2& res, bool withLog) {
     KX_LOG("resource is empty\n");
     return -1;
   }
+  const std::string input = m_source->encoderInput();
   switch (res.resType) {
   case RES2_SW_CPU:
-    return swTranscode(m_param.m_inFile, m_outputPath, withLog);
+    return swTranscode(input, m_outputPath, withLog);
   case RES2_GPU_INTERNAL:
   case RES2_GPU_EXTERNAL:
   case RES2_ARM_RTK:
   case RES2_ARM_RK:
-    return hwTranscode(m_param.m_inFile, m_outputPath, withLog);
+    return hwTranscode(input, m_outputPath, withLog);
   default:
     KX_LOG("res type=%d, id=%s, devName=%s, we do not transcode music by this resource \n",
            res.resType, res.id.c_str(), res.devName.c_str());

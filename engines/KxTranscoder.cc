@@ -5,7 +5,7 @@
 #include "Misc.h"
 #include "VelmarPlatform.h"
 #include "engines/AgentCommand.h"
-#include "engines/DiscMount.h"
+#include "engines/DiscSource.h"
 #include "engines/EngineCommand.h"
 #include "engines/EngineNote.h"
 #include "engines/ExtractedSubtitle.h"
@@ -19,7 +19,6 @@
 #include "engines/WorkFolder.h"
 #include "frame/ChildProcess.h"
 #include "frame/Log.h"
-#include "probe/Folders.h"
 
 static constexpr const char* kLogSource = "KxTranscoder";
 
@@ -41,17 +40,9 @@ std::string staticFfmpeg() {
   return miscSystemPath(kFfmpegPath);
 }
 
-// Index file in a sub-folder of a disc's top folder, in any letter case; empty when absent.
-std::string discIndex(const std::string& top, const char* folder, const char* name) {
-  const auto folderName = kxprobe::findEntry(top, folder);
-  const std::string path = folderName ? convertFolderPath(top) + *folderName : "";
-  const auto indexName = folderName ? kxprobe::findEntry(path, name) : std::nullopt;
-  return indexName ? path + "/" + *indexName : "";
-}
-
 }  // namespace
 
-KxTranscoder::KxTranscoder() : m_disc(Disc::none), m_progress(0) {}
+KxTranscoder::KxTranscoder() : m_source(std::make_unique<engines::DiscSource>()), m_progress(0) {}
 
 KxTranscoder::~KxTranscoder() {
   if (umountIso_() != 0) KX_LOG("umount iso fail\n");
@@ -81,31 +72,10 @@ int KxTranscoder::checkRequest_() const {
 }
 
 int KxTranscoder::openSource_() {
-  m_inputInternal = m_param.m_inFile;
-  m_inputOther = m_param.m_inFile;
-  if (m_param.m_inFile.ends_with(".iso")) {
-    m_discMount = std::make_unique<engines::DiscMount>();
-    if (m_discMount->mount(m_param.m_inFile) != 0) return 1;
-    m_inputInternal = m_discMount->hostFolder();
-    m_inputOther = m_discMount->addOnFolder();
-  }
-  openDisc_(m_inputInternal);
-  if (m_mediaInfo.init(m_inputInternal) != 0) {
-    KX_LOG_AS("init", "mediainfo init fail\n");
-    return 1;
-  }
-  return 0;
-}
-
-void KxTranscoder::openDisc_(const std::string& folder) {
-  const std::string dvdIndex = discIndex(folder, "VIDEO_TS", "VIDEO_TS.IFO");
-  const std::string bluRayIndex = discIndex(folder, "BDMV", "index.bdmv");
-  m_disc = Disc::none;
-  if (!dvdIndex.empty() && m_dvd.init(dvdIndex) == 0) {
-    m_disc = Disc::dvd;
-  } else if (!bluRayIndex.empty() && m_bd.init(bluRayIndex) == 0) {
-    m_disc = Disc::bluRay;
-  }
+  if (m_source->attach(m_param.m_inFile) != 0) return 1;
+  if (m_source->probe(m_mediaInfo) == 0) return 0;
+  KX_LOG_AS("init", "mediainfo init fail\n");
+  return 1;
 }
 
 int KxTranscoder::applyProfile_() {
@@ -144,21 +114,19 @@ int KxTranscoder::checkOutput_() const {
 }
 
 std::string KxTranscoder::getSWFfmpegFilenameInput() {
-  if (m_disc == Disc::bluRay) return m_bd.getSampleVideoPath();
-  if (m_disc != Disc::dvd) return m_inputInternal;
-  std::string input;
-  for (const std::string& part : m_dvd.getTitleParts()) {
-    if (part.find('|') != std::string::npos) {
-      KX_LOG("can not join %s, its name holds the separator\n", part.c_str());
-      return "";
-    }
-    input += (input.empty() ? "concat:" : "|") + part;
-  }
-  return input;
+  return m_source->encoderInput();
+}
+
+const std::string& KxTranscoder::getOpenedSource() const {
+  return m_source->hostPath();
+}
+
+std::vector<std::string> KxTranscoder::getTitleFiles() {
+  return m_source->titleFiles();
 }
 
 int KxTranscoder::umountIso_() {
-  return m_discMount ? m_discMount->release() : 0;
+  return m_source->release();
 }
 
 void KxTranscoder::appendExtraCmds(const std::vector<std::string>& arguments) {
@@ -169,11 +137,11 @@ int KxTranscoder::transcode(KxResource2& res, bool withLog) {
   if (res.isEmpty) return -1;
   switch (res.resType) {
   case RES2_GPU_INTERNAL:
-    return hwTranscode(res, m_inputInternal, m_param.m_outFile, withLog);
+    return hwTranscode(res, m_source->hostPath(), m_param.m_outFile, withLog);
   case RES2_GPU_EXTERNAL:
   case RES2_ARM_RTK:
   case RES2_ARM_RK:
-    return hwTranscode(res, m_inputOther, m_param.m_outFile, withLog);
+    return hwTranscode(res, m_source->addOnPath(), m_param.m_outFile, withLog);
   case RES2_SW_CPU:
     break;
   default:

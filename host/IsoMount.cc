@@ -2,26 +2,33 @@
 
 #include <fcntl.h>
 #include <linux/loop.h>
+#include <poll.h>
+#include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
-#include <csignal>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "KxHostPlatform.h"
 #include "Misc.h"
+#include "frame/ChildProcess.h"
 #include "frame/Log.h"
+#include "frame/StopSignal.h"
 #include "frame/UniqueFd.h"
 #include "host/ProgramRun.h"
 
@@ -34,7 +41,10 @@ namespace fs = std::filesystem;
 
 constexpr const char* kChrootMountFolder = "/mnt/xcode-iso";
 constexpr int kLoopAttempts = 8;
-constexpr int kMaxMirrorDepth = 8;
+// Serves UDF, which no program of the system does.
+constexpr const char* kUdfServer = "/usr/local/medialibrary/bin/udfserve";
+constexpr std::chrono::seconds kMountLimit{20};
+constexpr std::chrono::milliseconds kServerGrace{300};
 constexpr unsigned long kMountFlags = MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC;
 
 struct DiscFileSystem {
@@ -82,53 +92,120 @@ bool mountByKernel(const std::string& iso, const std::string& mountPoint) {
   return false;
 }
 
-bool mountByFuse(const std::string& iso, const std::string& mountPoint) {
-  return succeeded(runProgram({"fuseiso", "-n", iso, mountPoint, "-o", "ro,nosuid,nodev"}));
+// The name of a mount point as the kernel's table writes it.
+std::string inMountTable(const std::string& path) {
+  std::string text;
+  for (const char c : path) {
+    char escaped[5];
+    snprintf(escaped, sizeof escaped, "\\%03o", static_cast<unsigned char>(c));
+    text += strchr(" \t\n\\", c) != nullptr ? escaped : std::string(1, c);
+  }
+  return text;
 }
 
-// The FUSE file system shows plain ISO 9660 names in lower case, but the files of a DVD are
-// looked for in upper case. A folder of links beside the mount point puts that right.
-std::string namesFolder(const std::string& mountPoint) {
-  return mountPoint + ".names";
+// Asks nothing of the mounted file system, which may not answer yet, or ever.
+bool isMountPoint(const std::string& path) {
+  const std::string wanted = inMountTable(path);
+  std::ifstream table("/proc/self/mountinfo");
+  for (std::string line; std::getline(table, line);) {
+    std::istringstream fields(line);
+    std::string field;
+    for (int i = 0; i < 5; ++i) fields >> field;
+    if (field == wanted) return true;
+  }
+  return false;
 }
 
-std::string upperCase(std::string name) {
-  std::transform(name.begin(), name.end(), name.begin(),
-                 [](unsigned char c) { return static_cast<char>(toupper(c)); });
-  return name;
-}
-
-bool holdsLowerCaseDisc(const std::string& folder) {
-  return access((convertFolderPath(folder) + "video_ts/video_ts.ifo").c_str(), F_OK) == 0;
-}
-
-// Mirrors a tree as folders and relative links, so that it also holds in a chroot.
-void mirrorInUpperCase(const fs::path& from, const fs::path& to, int depth) {
-  std::error_code failed;
-  if (depth > kMaxMirrorDepth || !fs::create_directory(to, failed)) return;
-  for (const auto& entry : fs::directory_iterator(from, failed)) {
-    const fs::path name = upperCase(entry.path().filename().string());
-    if (entry.is_directory(failed)) {
-      mirrorInUpperCase(entry.path(), to / name, depth + 1);
-    } else {
-      fs::create_symlink(entry.path().lexically_relative(to), to / name, failed);
-    }
+// False when the server ended, took too long, or the mount is no longer wanted.
+bool waitForMount(ChildProcess& server, const std::string& mountPoint) {
+  const auto deadline = std::chrono::steady_clock::now() + kMountLimit;
+  const UniqueFd changes(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+  for (;;) {
+    if (server.poll() || StopSignal::isSet()) return false;
+    if (isMountPoint(mountPoint)) return true;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    std::array<pollfd, 3> events = {
+        {{changes.get(), POLLPRI, 0}, {server.pidFd(), POLLIN, 0}, {StopSignal::fd(), POLLIN, 0}}};
+    poll(events.data(), events.size(), static_cast<int>(left.count()));
   }
 }
 
-void correctNames(const std::string& mountPoint) {
-  std::error_code failed;
-  bool lowerCase = holdsLowerCaseDisc(mountPoint);
-  for (const auto& entry : fs::directory_iterator(mountPoint, failed))
-    lowerCase = lowerCase || holdsLowerCaseDisc(entry.path().string());
-  if (lowerCase) mirrorInUpperCase(mountPoint, namesFolder(mountPoint), 0);
+// The servers of what is mounted by FUSE, by mount point. They are children of this process,
+// so that they end with it.
+class FuseServers {
+ public:
+  void add(const std::string& mountPoint, ChildProcess server) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_servers[mountPoint] = std::move(server);
+  }
+  ChildProcess take(const std::string& mountPoint) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto server = m_servers.find(mountPoint);
+    if (server == m_servers.end()) return {};
+    ChildProcess taken = std::move(server->second);
+    m_servers.erase(server);
+    return taken;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::map<std::string, ChildProcess> m_servers;
+};
+
+FuseServers& fuseServers() {
+  static auto* const servers = new FuseServers;  // outlives every thread that mounts
+  return *servers;
 }
 
-// A new folder "PID_XXXXXX", so that a later process can tell whose it is.
+bool serveByFuse(const std::vector<std::string>& argv, const std::string& mountPoint) {
+  // What it says is of no use, and a damaged image makes it say that without end.
+  ChildProcess::Options options;
+  options.captureStdout = true;
+  options.stderrFile = "/dev/null";
+  ChildProcess server = ChildProcess::spawn(argv, options);
+  if (!server.valid()) return false;
+  if (waitForMount(server, mountPoint)) {
+    fuseServers().add(mountPoint, std::move(server));
+    return true;
+  }
+  server.terminate(kServerGrace);
+  umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH);
+  return false;
+}
+
+// In the order that the kernel tries its file systems in.
+bool mountByFuse(const std::string& iso, const std::string& mountPoint) {
+  const std::string options = "ro,nosuid,nodev";
+  return serveByFuse({miscSystemPath(kUdfServer), iso, mountPoint, "-f", "-o", options},
+                     mountPoint) ||
+         (!StopSignal::isSet() &&
+          serveByFuse({"fuseiso", "-n", iso, mountPoint, "-f", "-o", options}, mountPoint));
+}
+
+// Start of a process in clock ticks since the machine started; 0 when there is none.
+long long startTicks(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  if (!std::getline(file, text)) return 0;
+  // The program's name may hold blanks and parentheses, so fields are counted behind it.
+  std::istringstream fields(text.substr(text.rfind(')') + 1));
+  std::string field;
+  for (int number = 3; number <= 22; ++number) fields >> field;
+  return myatoll(field.c_str());
+}
+
+// A new folder "PID_START_XXXXXX", so that a later process can tell whose it is, even when the
+// number has gone to another process.
 std::string makeMountPoint(const std::string& folder) {
   if (mymkdir(folder.c_str(), 0755) != 0) return {};
-  std::string path = folder + "/" + std::to_string(getpid()) + "_XXXXXX";
-  return mkdtemp(path.data()) == nullptr ? std::string() : path;
+  std::string path = folder + "/" + std::to_string(getpid()) + "_" +
+                     std::to_string(startTicks(getpid())) + "_XXXXXX";
+  if (mkdtemp(path.data()) == nullptr) return {};
+  std::error_code failed;
+  const std::string real = fs::canonical(path, failed).string();
+  return failed ? path : real;
 }
 
 // Mounts an image on a new folder below @p folder. @return the folder, empty on failure
@@ -137,21 +214,22 @@ std::string mountBelow(const std::string& folder, const std::string& iso) {
   if (stat(iso.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
   std::string mountPoint = makeMountPoint(folder);
   if (mountPoint.empty()) return {};
-  if (mountByKernel(iso, mountPoint) || mountByFuse(iso, mountPoint)) {
-    correctNames(mountPoint);
-    return mountPoint;
-  }
+  if (mountByKernel(iso, mountPoint) || mountByFuse(iso, mountPoint)) return mountPoint;
   rmdir(mountPoint.c_str());
   return {};
 }
 
+// True also when nothing is mounted there any more, as after the end of a FUSE server.
+bool unmount(const std::string& mountPoint) {
+  if (umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW) == 0 || errno == EINVAL) return true;
+  if (errno == EBUSY) return umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH) == 0;
+  return errno == EPERM && succeeded(runProgram({"fusermount", "-u", "-z", mountPoint}));
+}
+
 bool releaseMount(const std::string& mountPoint) {
-  myremove(namesFolder(mountPoint).c_str());
-  bool released = umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW) == 0;
-  if (!released && errno == EBUSY)
-    released = umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH) == 0;
-  if (!released && errno == EPERM)
-    released = succeeded(runProgram({"fusermount", "-u", "-z", mountPoint}));
+  ChildProcess server = fuseServers().take(mountPoint);
+  const bool released = unmount(mountPoint);
+  if (server.valid()) server.terminate(kServerGrace);
   return rmdir(mountPoint.c_str()) == 0 && released;
 }
 
@@ -161,15 +239,33 @@ int copyPath(const std::string& text, char* buf, int size) {
   return 0;
 }
 
-// Process that made a mount point, by its name; 0 for a name that is not one.
-pid_t ownerOf(const std::string& name) {
-  const size_t end = name.find('_');
-  return end == std::string::npos ? 0 : static_cast<pid_t>(myatoll(name.substr(0, end).c_str()));
+// True for a name of makeMountPoint() whose process has ended.
+bool isStale(const std::string& name) {
+  int pid = 0;
+  long long start = 0;
+  char random[7] = {};
+  if (sscanf(name.c_str(), "%9d_%18lld_%6s", &pid, &start, random) != 3) return false;
+  return strlen(random) == 6 && startTicks(pid) != start;
+}
+
+// Names are compared in any letter case: ISO 9660 knows capitals only, and is shown in small
+// letters.
+std::string entryOf(const std::string& folder, const char* name) {
+  std::error_code failed;
+  for (const auto& entry : fs::directory_iterator(folder, failed)) {
+    const std::string found = entry.path().filename().string();
+    if (strcasecmp(found.c_str(), name) == 0) return entry.path().string();
+  }
+  return {};
+}
+
+bool holdsFile(const std::string& folder, const char* below, const char* name) {
+  const std::string path = entryOf(folder, below);
+  return !path.empty() && !entryOf(path, name).empty();
 }
 
 bool holdsDisc(const std::string& folder) {
-  return access((folder + "VIDEO_TS/VIDEO_TS.IFO").c_str(), F_OK) == 0 ||
-         access((folder + "BDMV/index.bdmv").c_str(), F_OK) == 0;
+  return holdsFile(folder, "VIDEO_TS", "VIDEO_TS.IFO") || holdsFile(folder, "BDMV", "index.bdmv");
 }
 
 // Some images carry the disc in one folder of its own.
@@ -206,9 +302,7 @@ int releaseStaleIsoMounts() {
   for (const std::string& folder : mountFolders())
     for (const auto& entry : fs::directory_iterator(folder, failed)) entries.push_back(entry);
   for (const auto& entry : entries) {
-    const pid_t owner = ownerOf(entry.path().filename().string());
-    const bool gone = owner > 0 && kill(owner, 0) != 0 && errno == ESRCH;
-    if (gone && entry.path().extension() != ".names") stale.push_back(entry.path().string());
+    if (isStale(entry.path().filename().string())) stale.push_back(entry.path().string());
   }
   for (const std::string& mountPoint : stale) {
     if (releaseMount(mountPoint)) ++released;
@@ -252,9 +346,7 @@ int parseMountedFolder_v2(const char* mountPoint, char* folder, int size) {
   if (mountPoint == nullptr || *mountPoint == '\0') return 1;
   std::string path = mountPoint;
   while (path.size() > 1 && path.back() == '/') path.pop_back();
-  std::error_code failed;
-  const bool corrected = std::filesystem::is_directory(kxhost::namesFolder(path), failed);
-  const std::string root = convertFolderPath(corrected ? kxhost::namesFolder(path) : path);
+  const std::string root = convertFolderPath(path);
   const std::string disc = kxhost::findDiscFolder(root);
   const int copied = kxhost::copyPath(disc.empty() ? root : disc, folder, size);
   return copied != 0 || disc.empty() ? 1 : 0;

@@ -4,10 +4,15 @@
 
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <string>
 
 #include "KxMediainfo.h"
 #include "KxResource2.h"
+
+namespace engines {
+class DiscSource;
+}  // namespace engines
 
 /// Everything that describes one audio transcode. A plain value.
 class MusicTranscodeParam {
@@ -17,7 +22,8 @@ class MusicTranscodeParam {
   /// Logs every field.
   void dump();
 
-  std::string m_inFile;  ///< absolute path of the source
+  std::string
+      m_inFile;  ///< absolute path of the source; a disc folder or image stands for its main title
   /// Where the result goes. A path with "/" is used as given; a bare name goes into the
   /// service's own folder on the volume of the media data directory.
   std::string m_outFile;
@@ -41,7 +47,7 @@ class MusicTranscodeParam {
 class KxMusicTranscoder {
  public:
   KxMusicTranscoder();
-  /// Removes the progress log. The result is the caller's.
+  /// Removes the progress log and releases a mounted image. The result is the caller's.
   ~KxMusicTranscoder();
   KxMusicTranscoder(const KxMusicTranscoder&) = delete;
   KxMusicTranscoder& operator=(const KxMusicTranscoder&) = delete;
@@ -75,6 +81,7 @@ class KxMusicTranscoder {
 
   MusicTranscodeParam m_param;
   KxMediaInfo m_mediaInfo;
+  std::unique_ptr<engines::DiscSource> m_source;  ///< what m_inFile stands for
   std::string m_outputPath;
   std::string m_progressLog;
   int32_t m_progress;

@@ -19,7 +19,7 @@
 #include "KxResource2.h"
 
 namespace engines {
-class DiscMount;
+class DiscSource;
 struct EngineCommand;
 struct EngineFacts;
 }  // namespace engines
@@ -195,6 +195,10 @@ class KxTranscoder {
   ///   a DVD, the main stream of a Blu-ray disc, else the source; empty when the parts'
   ///   paths cannot be joined
   std::string getSWFfmpegFilenameInput();
+  /// @return the source on the host: m_inFile, or the folder of a mounted image
+  const std::string& getOpenedSource() const;
+  /// @return the files of a disc's main title in playing order; none for other sources
+  std::vector<std::string> getTitleFiles();
   /// Releases a mounted disc image. @return 0, also when none is mounted; else 1
   int umountIso_();
 
@@ -273,11 +277,8 @@ class KxTranscoder {
   const std::string& getProgressLogPath() const { return m_progressLog; }
 
  private:
-  enum class Disc { none, dvd, bluRay };
-
   int checkRequest_() const;
   int openSource_();
-  void openDisc_(const std::string& folder);
   int applyProfile_();
   int prepareWorkFolder_();
   int checkOutput_() const;
@@ -295,12 +296,7 @@ class KxTranscoder {
 
   TranscodeParam m_param;
   KxMediaInfo m_mediaInfo;
-  Disc m_disc;
-  KxDvd m_dvd;
-  KxBd m_bd;
-  std::unique_ptr<engines::DiscMount> m_discMount;
-  std::string m_inputInternal;  ///< source for internal GPUs, a path on the host
-  std::string m_inputOther;     ///< source for the other hardware engines
+  std::unique_ptr<engines::DiscSource> m_source;  ///< what m_inFile stands for, mounted if need be
   std::string m_workFolder;
   std::string m_progressLog;
   int32_t m_progress;           ///< percent

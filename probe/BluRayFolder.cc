@@ -28,14 +28,15 @@ int KxBd::init(std::string path) {
     return 1;
   }
   for (const std::string& entry : *entries) KX_LOG("checking %s ...\n", entry.c_str());
-  if (std::find(entries->begin(), entries->end(), kStreamFolder) == entries->end()) {
+  const auto streamFolder = kxprobe::findEntry(folder, kStreamFolder);
+  if (!streamFolder) {
     KX_LOG("incorrect BD format\n");
     return 1;
   }
 
-  const std::string streamPath = folder + kStreamFolder + "/";
+  const std::string streamPath = folder + *streamFolder + "/";
   const auto streams = kxprobe::listFolder(streamPath);
-  if (!streams) {
+  if (!streams || !kxprobe::isWithin(folder, streamPath)) {
     KX_LOG("can not open dir %s\n", streamPath.c_str());
     return 1;
   }
@@ -46,10 +47,9 @@ int KxBd::init(std::string path) {
 
 void KxBd::addStream(const std::string& streamPath, const std::string& name) {
   static constexpr const char* kFunc = "init";
-  const std::string fullPath = streamPath + name;
-  const auto size = kxprobe::fileSize(fullPath);
+  const auto size = kxprobe::fileSizeWithin(streamPath, name);
   if (!size) {
-    KX_LOG_AS(kFunc, "can not stat %s\n", fullPath.c_str());
+    KX_LOG_AS(kFunc, "can not stat %s\n", (streamPath + name).c_str());
     return;
   }
   const kxBD_s stream{streamPath, name, name.substr(0, name.rfind('.')), *size};

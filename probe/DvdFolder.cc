@@ -46,9 +46,8 @@ std::optional<VobNumbers> parseNumbers(const std::string& middle) {
   return numbers;
 }
 
-std::string partPath(const kxDVD_s& set, int part) {
-  return set.vobPath + set.vobVTSPrefix + "_" + set.VTS + "_" + std::to_string(part) +
-         set.vobSuffix;
+std::string partName(const kxDVD_s& set, int part) {
+  return set.vobVTSPrefix + "_" + set.VTS + "_" + std::to_string(part) + set.vobSuffix;
 }
 
 bool looksLikeTitlePart(const std::string& name) {
@@ -97,10 +96,9 @@ void KxDvd::addPart(const std::string& folder, const std::string& name) {
     KX_LOG_AS(kFunc, "strCntNo <= 0, continue\n");
     return;
   }
-  const std::string fullPath = folder + name;
-  const auto size = kxprobe::fileSize(fullPath);
+  const auto size = kxprobe::fileSizeWithin(folder, name);
   if (!size) {
-    KX_LOG_AS(kFunc, "can not stat %s\n", fullPath.c_str());
+    KX_LOG_AS(kFunc, "can not stat %s\n", (folder + name).c_str());
     return;
   }
   auto entry = m_dvdMap.find(numbers->titleSet);
@@ -142,14 +140,15 @@ std::string KxDvd::getSampleVideoPath() {
   const kxDVD_s& set = m_sampleDvd;
   if (set.vobPath.empty() || set.vobVTSPrefix.empty() || set.VTS.empty() || set.vobSuffix.empty())
     return "";
-  return partPath(set, 1);
+  return set.vobPath + partName(set, 1);
 }
 
 std::vector<std::string> KxDvd::getTitleParts() const {
   std::vector<std::string> parts;
   for (int part = 1; part <= m_sampleDvd.cntNo; ++part) {
-    std::string path = partPath(m_sampleDvd, part);
-    if (kxprobe::fileSize(path)) parts.push_back(std::move(path));
+    const std::string name = partName(m_sampleDvd, part);
+    if (kxprobe::fileSizeWithin(m_sampleDvd.vobPath, name))
+      parts.push_back(m_sampleDvd.vobPath + name);
   }
   return parts;
 }

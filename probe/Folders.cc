@@ -62,10 +62,30 @@ std::optional<std::string> findEntry(const std::string& folder, const std::strin
   return found == names->end() ? std::nullopt : std::optional(*found);
 }
 
-std::optional<long> fileSize(const std::string& path) {
+bool isWithin(const std::string& folder, const std::string& path) {
+  std::error_code error;
+  const std::string base = fs::canonical(folder, error).string();
+  if (error) return false;
+  const std::string target = fs::canonical(path, error).string();
+  return !error && target.starts_with(base.ends_with('/') ? base : base + "/");
+}
+
+std::optional<long> fileSizeWithin(const std::string& folder, const std::string& name) {
   struct stat info {};
-  if (stat(path.c_str(), &info) != 0) return std::nullopt;
+  const std::string path = folder + name;
+  if (!isWithin(folder, path) || stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+    return std::nullopt;
   return static_cast<long>(info.st_size);
+}
+
+std::optional<std::string> findDiscIndex(const std::string& top, const DiscKind& kind) {
+  const std::string base = top.ends_with('/') ? top : top + "/";
+  const auto folder = findEntry(base, kind.folder);
+  if (!folder || !isWithin(base, base + *folder)) return std::nullopt;
+  const std::string path = base + *folder + "/";
+  const auto index = findEntry(path, kind.index);
+  if (!index) return std::nullopt;
+  return path + *index;
 }
 
 }  // namespace kxprobe

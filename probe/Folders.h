@@ -27,7 +27,23 @@ std::optional<std::vector<std::string>> listFolder(const std::string& folder);
 // Name of the entry that equals `name`, or failing that equals it in another letter case.
 std::optional<std::string> findEntry(const std::string& folder, const std::string& name);
 
-// Size in bytes of what the path names, links followed; nothing when stat fails.
-std::optional<long> fileSize(const std::string& path);
+// Size in bytes of a regular file that lies below a folder, whose path ends in "/". A disc is
+// somebody's data: a link in it may point anywhere, so one that leads out of the folder names
+// no file of the disc, as little as a pipe or a device does.
+std::optional<long> fileSizeWithin(const std::string& folder, const std::string& name);
+
+// True when what a path stands for exists and lies below the folder, links followed.
+bool isWithin(const std::string& folder, const std::string& path);
+
+// Where a kind of disc has its index, from the top of the disc.
+struct DiscKind {
+  const char* folder;
+  const char* index;
+};
+inline constexpr DiscKind kDvd = {"VIDEO_TS", "VIDEO_TS.IFO"};
+inline constexpr DiscKind kBluRay = {"BDMV", "index.bdmv"};
+
+// Path of the index file, in any letter case, of a disc whose top folder is given.
+std::optional<std::string> findDiscIndex(const std::string& top, const DiscKind& kind);
 
 }  // namespace kxprobe

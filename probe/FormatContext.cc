@@ -19,7 +19,9 @@ extern "C" {
 }
 
 #include "KxMediainfo.h"
+#include "frame/StopSignal.h"
 #include "probe/AsfHeader.h"
+#include "probe/DiscImage.h"
 
 namespace kxprobe {
 namespace {
@@ -184,11 +186,14 @@ FormatContext::FormatContext(std::chrono::steady_clock::time_point deadline)
 FormatContext::~FormatContext() = default;
 
 int FormatContext::interrupted(void* self) {
-  return std::chrono::steady_clock::now() >= static_cast<FormatContext*>(self)->m_deadline ? 1 : 0;
+  const bool isLate =
+      std::chrono::steady_clock::now() >= static_cast<FormatContext*>(self)->m_deadline;
+  return isLate || StopSignal::isSet() ? 1 : 0;
 }
 
 bool FormatContext::open(const std::string& path) {
-  if (!isRegularFile(path)) return false;
+  // An image full of video looks like one, with its files in whatever order they lie in.
+  if (!isRegularFile(path) || readImageHead(path).isImage()) return false;
 #if LIBAVFORMAT_VERSION_MAJOR < 58
   av_register_all();
 #endif

@@ -11,8 +11,9 @@ struct AVStream;
 
 namespace kxprobe {
 
-// Owns the demuxer of one local file and gives up when its time is over. Formats that name
-// other files (playlists, file lists, scripts) and protocols other than "file" are refused.
+// Owns the demuxer of one local file and gives up when its time is over or the thread's work
+// has to end. Formats that name other files (playlists, file lists, scripts), images of discs
+// and protocols other than "file" are refused.
 //
 // Used by one thread. Library code only: it calls functions of libavformat and uses none of
 // its variables, nor the address of any of its functions, because both would have to be

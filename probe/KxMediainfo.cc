@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "frame/Log.h"
+#include "frame/StopSignal.h"
 #include "probe/CodecNumbers.h"
 #include "probe/FactsCache.h"
 #include "probe/Folders.h"
@@ -76,22 +77,12 @@ std::optional<Source> bluRaySource(const std::string& index) {
   return Source{kBluRayFolder, bd.getSampleVideoPath(), {}, 0};
 }
 
-// The index file in a sub-folder of a disc's top folder.
-std::optional<std::string> findIndex(const std::string& top, const char* folder, const char* name) {
-  const auto folderName = kxprobe::findEntry(top, folder);
-  if (!folderName) return std::nullopt;
-  const std::string path = (top.ends_with('/') ? top : top + "/") + *folderName;
-  const auto indexName = kxprobe::findEntry(path, name);
-  if (!indexName) return std::nullopt;
-  return path + "/" + *indexName;
-}
-
 Source chooseSource(const std::string& path) {
   if (auto source = dvdSource(path)) return *source;
   if (auto source = bluRaySource(path)) return *source;
-  if (const auto index = findIndex(path, "VIDEO_TS", "VIDEO_TS.IFO"))
+  if (const auto index = kxprobe::findDiscIndex(path, kxprobe::kDvd))
     if (auto source = dvdSource(*index)) return *source;
-  if (const auto index = findIndex(path, "BDMV", "index.bdmv"))
+  if (const auto index = kxprobe::findDiscIndex(path, kxprobe::kBluRay))
     if (auto source = bluRaySource(*index)) return *source;
   return Source{kPlainFile, path, {}, 0};
 }
@@ -137,7 +128,8 @@ std::optional<ContainerFacts> factsOf(const Source& source) {
   if (stamp)
     if (auto known = cache.find(*stamp)) return known;
   auto facts = readFacts(source);
-  if (facts && stamp) cache.store(*stamp, *facts);
+  // What a stop has cut short may lack streams.
+  if (facts && stamp && !StopSignal::isSet()) cache.store(*stamp, *facts);
   return facts;
 }
 
@@ -214,7 +206,7 @@ int KxMediaInfo::init(std::string path) {
     KX_LOG("invalid path %s\n", path.c_str());
     return 1;
   }
-  if (!kxprobe::fileSize(path)) {
+  if (!kxprobe::stampOf(path)) {
     KX_LOG("can not stat %s\n", path.c_str());
     return 1;
   }

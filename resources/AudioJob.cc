@@ -91,6 +91,7 @@ std::string AudioJob::convert(const TransConfigEntry& config, const AudioPlaceme
 std::string AudioJob::encode(const TransConfigEntry& config, TemporaryFile& file) {
   MusicTranscodeParam param = audioParam(m_run.job(), config);
   param.m_outFile = file.path();
+  append(param.m_extraCmds, sourceArguments(m_source.info));
   append(param.m_extraCmds, coverArguments(m_source.info));
   append(param.m_extraCmds, tagArguments(param.m_inFile, param.m_aid));
   KxMusicTranscoder transcoder;

@@ -21,6 +21,14 @@ Cleanup::~Cleanup() {
   if (!path.empty()) myremove(path.c_str());
 }
 
+// The time stamps of a DVD's title begin anew where its scenes were joined. An encoder that
+// takes a jump of some seconds for a pause adds that pause to the result.
+std::vector<std::string> sourceArguments(const KxMediaInfo& info) {
+  constexpr int32_t kDvdFolder = 1;
+  if (info.m_mediaType != kDvdFolder) return {};
+  return {"-dts_delta_threshold", "1"};
+}
+
 std::string faultOfResult(JobRun& run, const ProbedSource& source, const ExpectedResult& expected,
                           const std::string& result) {
   return resultFault(result, source.facts, expected, [&run] { return !run.mustEnd(); });

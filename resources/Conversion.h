@@ -3,6 +3,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "KxMediainfo.h"
 #include "KxResource2.h"
@@ -47,6 +48,9 @@ class Cleanup {
  private:
   std::function<std::string()> m_path;
 };
+
+// Arguments that a source's kind asks of every encoder that reads it.
+std::vector<std::string> sourceArguments(const KxMediaInfo& info);
 
 // Judges a result against the source that it was made from.
 std::string faultOfResult(JobRun& run, const ProbedSource& source, const ExpectedResult& expected,

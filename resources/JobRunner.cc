@@ -2,6 +2,7 @@
 
 #include "KxResMgr2.h"
 #include "KxTranscodeUnit2.h"
+#include "frame/StopSignal.h"
 #include "resources/Checkpoint.h"
 #include "resources/JobRecord.h"
 #include "resources/JobRun.h"
@@ -48,6 +49,7 @@ void runJob(KxTranscodeUnit2& unit, UnitVisit& visit) {
     return;
   }
   JobRun run(unit, visit.run());
+  const StopSignal stop(run.endFd());
   KxResMgr2::getInstance()->cGroupAddSelfThread();
   bool succeeded = false;
   if (visit.waitForTurn() == UNIT_START) {

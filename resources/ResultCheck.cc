@@ -68,13 +68,18 @@ std::string statedFault(const std::vector<Pair>& pairs, const SourceFacts& sourc
   return "the result lasts " + inSeconds(longest) + ", the source " + inSeconds(whole);
 }
 
+std::string countFault(const Pair& pair, const StreamCount& source) {
+  const double result = pair.result->stated;
+  if (near(result, source.span) || near(result, source.sum)) return "";
+  return lengthFault(pair, result, source.sum);
+}
+
 std::string countedFault(const std::vector<Pair>& pairs, const PacketCount& count) {
   for (const Pair& pair : pairs) {
     const StreamCount* stream = count.find(pair.kind, pair.sourceTrack);
     if (stream == nullptr) return std::string("the source has no such ") + pair.name;
-    const double result = pair.result->stated;
-    if (!near(result, stream->span) && !near(result, stream->sum))
-      return lengthFault(pair, result, stream->span);
+    std::string fault = countFault(pair, *stream);
+    if (!fault.empty()) return fault;
   }
   return "";
 }
@@ -89,11 +94,33 @@ std::string recount(const std::vector<Pair>& pairs, const SourceFacts& source,
   return countedFault(pairs, count);
 }
 
+// The files of a disc's title one after the other. A stream need not be in all of them.
+std::string recountTitle(const std::vector<Pair>& pairs, const SourceFacts& source,
+                         const std::string& fault, const std::function<bool()>& goOn) {
+  if (source.titleFiles.empty()) return fault;
+  std::vector<StreamCount> totals(pairs.size());
+  for (const std::string& file : source.titleFiles) {
+    const PacketCount count = countPackets(file, goOn);
+    if (!count.complete) return fault + " (the source is incomplete)";
+    for (size_t i = 0; i < pairs.size(); ++i) {
+      const StreamCount* stream = count.find(pairs[i].kind, pairs[i].sourceTrack);
+      if (stream == nullptr) continue;
+      totals[i].span += stream->span;
+      totals[i].sum += stream->sum;
+    }
+  }
+  for (size_t i = 0; i < pairs.size(); ++i) {
+    std::string counted = countFault(pairs[i], totals[i]);
+    if (!counted.empty()) return counted;
+  }
+  return "";
+}
+
 std::string lengthsFault(const std::vector<Pair>& pairs, const SourceFacts& source,
                          const std::function<bool()>& goOn) {
   std::string fault = statedFault(pairs, source);
   if (fault.empty()) return "";
-  if (source.isDisc) return isLengthKnown(source) ? fault : "";
+  if (source.isDisc) return recountTitle(pairs, source, fault, goOn);
   return recount(pairs, source, fault, goOn);
 }
 
@@ -106,8 +133,11 @@ std::string pictureFault(const StreamTimes& picture) {
 }  // namespace
 
 SourceFacts factsOf(const std::string& path, const KxMediaInfo& info) {
-  return {path, info.m_mediaType != 0 || isDiscImage(path), info.m_playTimeMs,
-          info.m_playTimeSource};
+  return {path,
+          info.m_mediaType != 0 || isDiscImage(path),
+          info.m_playTimeMs,
+          info.m_playTimeSource,
+          {}};
 }
 
 std::string sourceFault(const SourceFacts& source) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "KxMediainfo.h"
 
@@ -16,6 +17,7 @@ struct SourceFacts {
   bool isDisc = false;     // a disc folder or image, which cannot be read as one file
   int64_t playTimeMs = 0;  // 0 unknown
   int32_t playTimeSource = KX_PLAYTIME_UNKNOWN;
+  std::vector<std::string> titleFiles;  // of a disc, readable as long as the job runs
 };
 SourceFacts factsOf(const std::string& path, const KxMediaInfo& info);
 
@@ -31,7 +33,8 @@ std::string sourceFault(const SourceFacts& source);
 // shows upright without help of the player, and its streams last as long as those of the
 // source, within one second or 2 %. Where the source states another length than the result
 // has, the source's packets are counted: a length that is merely stated wrong is forgiven
-// when the container is whole or states no length of its own.
+// when the container is whole or states no length of its own. The time stamps of a disc begin
+// anew in the middle of its files, so there the count decides.
 // @param goOn asked while the source is read; false gives up
 std::string resultFault(const std::string& result, const SourceFacts& source,
                         const ExpectedResult& expected, const std::function<bool()>& goOn);

@@ -7,6 +7,8 @@
 
 #include "KxHostPlatform.h"
 #include "Misc.h"
+#include "probe/DiscCheck.h"
+#include "probe/DiscImage.h"
 #include "resources/AudioJob.h"
 #include "resources/FanOutJob.h"
 #include "resources/RunnerLog.h"
@@ -25,6 +27,26 @@ bool wantsAutomaticSubtitles() {
 bool isRegularFile(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+bool isFolder(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+std::string unreadableSource(const std::string& path) {
+  const std::string fault = isFolder(path) ? kxprobe::discFault(path) : "";
+  return fault.empty() ? "the source is not a media file that can be read" : fault;
+}
+
+// @param opened where an image was mounted, else the source itself
+std::string discFault(const std::string& path, const std::string& opened) {
+  if (!isDiscImage(path)) return kxprobe::discFault(path);
+  const bool isMounted = opened != path;
+  std::string fault = isMounted ? kxprobe::discFault(opened) : "the disc image cannot be mounted";
+  const std::string cause = fault.empty() ? "" : kxprobe::imageFault(path);
+  if (cause.empty()) return fault;
+  return isMounted ? cause + ": " + fault : cause;
 }
 
 }  // namespace
@@ -60,13 +82,17 @@ bool VideoJob::openFolders() {
 
 bool VideoJob::probe() {
   const std::string& path = m_run.job().src;
+  const bool isImage = isDiscImage(path);
   if (m_source.info.init(path) != 0) {
     KX_RUNNER_LOG("mediainfo init fail");
     if (m_source.stamp.size == 0 && isRegularFile(path)) return m_run.fail("the source is empty");
-    if (!isDiscImage(path) || !probeDiscImage())
-      return m_run.fail("the source is not a media file that can be read");
+    // An image can only be probed where it is mounted.
+    if (!isImage) return m_run.fail(unreadableSource(path));
   }
+  const bool isDisc = isImage || m_source.info.m_mediaType != 0;
+  if (isDisc && !openDisc()) return false;
   m_source.facts = factsOf(path, m_source.info);
+  m_source.facts.titleFiles = m_disc.titleFiles();
   const std::string fault = sourceFault(m_source.facts);
   if (!fault.empty()) return m_run.fail(fault);
   const KxDBTaskParam& job = m_run.job();
@@ -75,17 +101,20 @@ bool VideoJob::probe() {
   return true;
 }
 
-// An image can only be probed where it is mounted, and a transcoder does that.
-bool VideoJob::probeDiscImage() {
-  TranscodeParam param;
-  param.m_inFile = m_run.job().src;
-  param.m_outFile = m_temp.pathOf("probe.mp4");
-  param.m_formatId = KX_FORMAT_MP4;
-  KxTranscoder transcoder;
-  const Cleanup cleanup([&] { return transcoder.getWorkFolder(); });
-  if (transcoder.init(param) != 0) return false;
-  m_source.info = transcoder.getMediaInfo();
-  return true;
+bool VideoJob::openDisc() {
+  const std::string& path = m_run.job().src;
+  const std::string imageFault =
+      isDiscImage(path) ? kxprobe::imageFault(path, kxprobe::kImagePadding) : "";
+  if (!imageFault.empty()) return m_run.fail(imageFault);
+  m_disc.attach(path);
+  // Asked first: a file that ends too early looks shorter to those who read it after others.
+  const std::string fault = discFault(path, m_disc.hostPath());
+  const bool isProbed = fault.empty() && m_disc.probe(m_source.info) == 0;
+  if (m_run.mustEnd()) return m_run.fail("was stopped");
+  if (!fault.empty()) return m_run.fail(fault);
+  if (!isProbed) return m_run.fail("the main title of the disc cannot be read");
+  return !m_disc.encoderInput().empty() ||
+         m_run.fail("the path of a DVD must not hold a \"|\": " + path);
 }
 
 bool VideoJob::chooseSubtitle() {

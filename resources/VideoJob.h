@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "engines/DiscSource.h"
 #include "resources/VideoProfile.h"
 
 namespace runner {
@@ -18,7 +19,7 @@ class VideoJob {
  private:
   bool openFolders();
   bool probe();
-  bool probeDiscImage();
+  bool openDisc();
   bool chooseSubtitle();
   bool convertSubtitle();
   bool convertSelected();
@@ -28,6 +29,7 @@ class VideoJob {
   VideoContext context();
 
   JobRun& m_run;
+  engines::DiscSource m_disc;  // keeps what m_source tells of a disc readable
   ProbedSource m_source;
   OutputFolder m_links;
   OutputFolder m_visible;

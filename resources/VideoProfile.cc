@@ -72,6 +72,7 @@ TranscodeParam videoParam(const KxDBTaskParam& job, const TransConfigEntry& conf
   const auto append = [&param](const std::vector<std::string>& arguments) {
     param.m_extraCmds.insert(param.m_extraCmds.end(), arguments.begin(), arguments.end());
   };
+  append(sourceArguments(info));
   append(coverArtCorrection(info, job.vid));
   append(engines::correctedVideoFilter(param, info));
   return param;

@@ -20,12 +20,12 @@ BUILD_PACKAGES=(
   g++ cmake ninja-build ccache lld pkg-config git
   libsqlite3-dev libavformat-dev libavcodec-dev libavutil-dev libboost-filesystem-dev
   libspdlog-dev libfmt-dev nlohmann-json3-dev libcli11-dev libsimpleini-dev libpugixml-dev
-  libqpdf-dev ffmpeg fuseiso ghostscript jq
+  libqpdf-dev libfuse-dev libudfread-dev ffmpeg fuseiso ghostscript jq
 )
 # What the tests need beyond that.
 TEST_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev clang clang-format clang-tidy
-  libclang-rt-14-dev sqlite3 bc procps util-linux binutils
+  libclang-rt-14-dev sqlite3 bc procps util-linux binutils genisoimage udftools
 )
 
 # install_packages NAME...: installs with apt what dpkg does not know as installed.

@@ -56,6 +56,12 @@ void DaemonRoot::script(const std::string& name, const std::string& body) const 
   fs::rename(m_dir / (name + ".new"), m_dir / name);
 }
 
+void DaemonRoot::install(const std::string& tool) const {
+  fs::copy_file(std::string(KX_BUILD_DIR) + "/tools/" + tool,
+                m_dir / ("usr/local/medialibrary/bin/" + tool),
+                fs::copy_options::overwrite_existing);
+}
+
 std::vector<std::string> DaemonRoot::leftovers() const {
   std::vector<std::string> found;
   for (const char* folder : {"media/.@__thumb/temp", "data/.system/transcode"}) {

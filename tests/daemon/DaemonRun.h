@@ -34,6 +34,8 @@ class DaemonRoot {
   void slowEncoder() const { setEncoder("", "-re"); }
   // Progress is read from the encoder's log.
   void useRealParser() const;
+  // A program of the build, as it is shipped.
+  void install(const std::string& tool) const;
   // Files and folders that jobs must not leave behind.
   std::vector<std::string> leftovers() const;
 

@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
+#include <iterator>
 
 #include "engines/DiscMount.h"
 #include "tests/engines/EngineFixture.h"
+#include "tests/support/Discs.h"
 
 namespace fs = std::filesystem;
 using kxtest::makeClip;
@@ -14,6 +16,8 @@ using kxtest::writeFile;
 
 class DiscSource : public kxtest::EngineTest {
  protected:
+  DiscSource() { root.install("udfserve"); }
+
   // A DVD folder whose main title has two parts of the given length.
   std::string makeDvd(const std::string& name) const {
     std::string folder = media(name);
@@ -47,10 +51,8 @@ class DiscSource : public kxtest::EngineTest {
 
   // Mounts below the test's folders.
   std::vector<std::string> mountPoints() const {
-    std::vector<std::string> found;
-    std::ifstream mounts("/proc/mounts");
-    for (std::string device, point, rest; mounts >> device >> point; std::getline(mounts, rest))
-      if (point.starts_with(root.path()) || point.starts_with(media(""))) found.push_back(point);
+    std::vector<std::string> found = kxtest::mountsBelow(root.path());
+    std::ranges::copy(kxtest::mountsBelow(media("")), std::back_inserter(found));
     return found;
   }
 };

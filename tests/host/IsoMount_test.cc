@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "KxHostPlatform.h"
 #include "tests/support/TestSupport.h"
@@ -18,10 +19,11 @@ using kxtest::writeFile;
 
 namespace {
 
-// Disc images with names in upper case and in the plain form, which FUSE shows in lower case.
+// Disc images with the one file system that FUSE knows by itself, and with the other one.
 class IsoMount : public testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
+    m_root.install("udfserve");
     fs::create_directories(m_dir / "disc/VIDEO_TS");
     writeFile(m_dir / "disc/VIDEO_TS/VIDEO_TS.IFO", "DVDVIDEO-VMG");
     const auto made =
@@ -131,4 +133,29 @@ TEST(DiscFolder, IsTheMountPointWithAFailureWhenThereIsNoDisc) {
   EXPECT_EQ(std::string(folder), dir.path().string() + "/");
   EXPECT_NE(parseMountedFolder_v2(dir.path().c_str(), folder, 3), 0);
   EXPECT_NE(parseMountedFolder_v2("", folder, sizeof folder), 0);
+}
+
+TEST(DiscFolder, IsFoundInAnyLetterCase) {
+  const TempDir dir;
+  char folder[1024];
+  fs::create_directories(dir / "mount/film/video_ts");
+  writeFile(dir / "mount/film/video_ts/video_ts.ifo", "x");
+  EXPECT_EQ(parseMountedFolder_v2((dir / "mount").c_str(), folder, sizeof folder), 0);
+  EXPECT_EQ(std::string(folder), dir / "mount/film/");
+}
+
+TEST(StaleMounts, AreToldByTheirProcessAndItsStart) {
+  const PrivateRoot root;
+  const RecordingLog log;
+  const std::string folder = kxhost::isoMountFolder() + "/";
+  const std::string self = std::to_string(getpid());
+  // The number of this process, but its start is another one's.
+  const std::vector<std::string> names = {self + "_1_abcdef", "999999999_1_abcdef",
+                                          self + "_abcdef", "notes"};
+  for (const std::string& name : names) fs::create_directories(folder + name);
+  EXPECT_EQ(kxhost::releaseStaleIsoMounts(), 2);
+  EXPECT_FALSE(fs::exists(folder + self + "_1_abcdef"));
+  EXPECT_FALSE(fs::exists(folder + "999999999_1_abcdef"));
+  EXPECT_TRUE(fs::exists(folder + self + "_abcdef"));
+  EXPECT_TRUE(fs::exists(folder + "notes"));
 }

@@ -108,6 +108,11 @@ void PrivateRoot::script(const std::string& fixedPath, const std::string& body) 
   fs::permissions(file(fixedPath), fs::perms(0755));
 }
 
+void PrivateRoot::install(const std::string& tool) const {
+  fs::copy_file(std::string(KX_BUILD_DIR) + "/tools/" + tool,
+                file("/usr/local/medialibrary/bin/" + tool), fs::copy_options::overwrite_existing);
+}
+
 void writeFile(const std::string& path, const std::string& text) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << text;

@@ -64,6 +64,8 @@ class PrivateRoot {
   void write(const std::string& fixedPath, const std::string& text) const;
   // An executable shell script at a fixed path.
   void script(const std::string& fixedPath, const std::string& body) const;
+  // A program of the build, as it is shipped, at its fixed path.
+  void install(const std::string& tool) const;
   std::string path() const { return m_dir.path().string(); }
 
  private:

@@ -45,8 +45,8 @@ TEST(StageRoot, PutsThePrograms) {
   const StagedRoot root;
   for (const std::string& program :
        {root.program("ffmpeg"), root.program("xlogparse.sh"), root.program("catalogcmd"),
-        root.program("subpull"), root.program("transcode_agent"), root.file("/usr/local/sbin/gs"),
-        root.file("/sbin/accelctl")})
+        root.program("subpull"), root.program("transcode_agent"), root.program("udfserve"),
+        root.file("/usr/local/sbin/gs"), root.file("/sbin/accelctl")})
     EXPECT_EQ(access(program.c_str(), X_OK), 0) << program;
   EXPECT_TRUE(fs::is_directory(root.file("/run/xcode")));
 }
