@@ -234,6 +234,23 @@ TEST_F(JobRunner, AResultThatDoesNotLastAsLongAsItsSourceIsAFailure) {
   EXPECT_FALSE(fs::exists(result("film.mp4.mobile240p.mp4")));
 }
 
+TEST_F(JobRunner, ASoundThatFailsItsCheckIsNotPutInPlace) {
+  const std::string source = clip("film.mp4", 160, 120, 4);
+  const std::string findResult = "for out; do :; done\n";  // the encoder's last argument
+  const std::pair<const char*, const char*> faults[] = {
+      {"echo rubbish > \"$out\"\n", "the result cannot be opened"},
+      {"exec ffmpeg -v error -y -f lavfi -i sine=d=1 \"$out\"\n",
+       "the sound of the result lasts 1."},
+      {"exec ffmpeg -v error -y -f lavfi -i color=s=32x32:d=4 -c:v libx264 -f mp4 \"$out\"\n",
+       "the result has no sound"},
+  };
+  for (const auto& [encoder, reason] : faults) {
+    world.setEncoder(findResult + encoder);
+    expectFailed(world.run(source, PROFILE_AUDIO), reason);
+    EXPECT_FALSE(fs::exists(world.media("Video2audio/film.mp3"))) << reason;
+  }
+}
+
 TEST_F(JobRunner, ATruncatedSourceIsNeverReportedAsDone) {
   for (const std::string name : {"a.mp4", "b.mkv", "c.avi", "d.flv"}) {
     SCOPED_TRACE(name);
