@@ -94,7 +94,7 @@ TEST_F(DaemonDiscs, AnImageThatIsStillMountedAfterAKillIsReleasedAtTheStart) {
   if (source.empty()) GTEST_SKIP() << "no images here";
   const std::string stale = root / "run/xcode/iso/999999999_1_abcdef";
   fs::create_directories(stale);
-  ASSERT_TRUE(run({KX_BUILD_DIR "/tools/udfserve", source, stale, "-o", "ro"}));
+  ASSERT_TRUE(run({std::string(KX_BUILD_DIR) + "/tools/udfserve", source, stale, "-o", "ro"}));
   ASSERT_TRUE(fs::exists(stale + "/VIDEO_TS/VIDEO_TS.IFO"));
   DaemonRun daemon(root);
   EXPECT_FALSE(fs::exists(stale));
@@ -126,7 +126,8 @@ TEST_F(DaemonDiscs, TheClientAddsFoldersAndImages) {
   const std::string source = image();
   DaemonRun daemon(root);
   const auto client = [this](std::vector<std::string> words) {
-    words.insert(words.begin(), {KX_BUILD_DIR "/bin/xcodectl", "--root", root.path()});
+    const std::string program = std::string(KX_BUILD_DIR) + "/bin/xcodectl";
+    words.insert(words.begin(), {program, "--root", root.path()});
     return run(words);
   };
   EXPECT_TRUE(client({"add", root.media("Film/"), "-p", "mobile240p", "--wait"})) << daemon.log();

@@ -26,7 +26,7 @@ using testing::IsEmpty;
 namespace {
 
 // What the program that makes the images puts behind the last file.
-constexpr std::uintmax_t kImagePadding = 150 * 2048;
+constexpr std::uintmax_t kImagePadding = std::uintmax_t{150} * 2048;
 
 class Discs : public testing::Test {
  protected:
