@@ -178,6 +178,26 @@ void adaptGroup(std::vector<Item>& group, const ListConverter& convertList) {
   }
 }
 
+// What the inputs of a command tell about its output.
+struct Inputs {
+  bool list = false;   // pieces that are joined
+  bool sound = false;  // the sound that the service encoded for them
+
+  void add(const std::vector<Item>& group) {
+    if (valueOf(group, "-f") == "concat") list = true;
+    if (group.back().value.ends_with("/reAudio.mp4")) sound = true;
+  }
+};
+
+// The sound beside the pieces is what is asked for already: the same encoder made it, with the
+// same channels. Encoding it once more would cost time and quality.
+void keepSound(std::vector<Item>& group, const Inputs& inputs) {
+  if (!inputs.list || !inputs.sound || audioEncoderOf(group) != "aac") return;
+  for (Item& item : group)
+    if (kAudioCodecOptions.count(item.name) != 0) item.value = "copy";
+  std::erase_if(group, [](const Item& item) { return item.name == "-ac" || item.name == "-ar"; });
+}
+
 // A list line "file NAME" without its keyword, or nothing for any other line.
 std::string_view nameOf(std::string_view line) {
   const size_t start = line.find_first_not_of(" \t");
@@ -227,7 +247,14 @@ void forEachLine(const std::string& text, Use use) {
 Words adaptArguments(const Words& words, const ListConverter& convertList) {
   std::vector<Item> result = {{"-nostdin", "", false}};
   std::vector<Item> group;
+  Inputs inputs;
   const auto finish = [&] {
+    const bool isInput = !group.empty() && group.back().name == "-i";
+    if (isInput) {
+      inputs.add(group);
+    } else {
+      keepSound(group, inputs);
+    }
     adaptGroup(group, convertList);
     result.insert(result.end(), group.begin(), group.end());
     group.clear();

@@ -133,6 +133,24 @@ TEST_F(RecoveryTest, WorkFoldersOfDeadProcessesGoWhole) {
   EXPECT_TRUE(fs::exists(work + "checkpoint/part"));
 }
 
+TEST_F(RecoveryTest, OnlyTheCheckpointsOfJobsThatWaitStay) {
+  const std::string work = m_dir / "data/.system/transcode/";
+  insert(1, "/share/a.mp4", 3);
+  insert(2, "/share/b.mp4", 1);
+  const std::string mine = work + "checkpoint_1_cf0caadfa81d4430";
+  for (const std::string& name :
+       {mine, work + "checkpoint_1_0123456789abcdef", work + "checkpoint_2_0123456789abcdef",
+        work + "checkpoint_9_0123456789abcdef", work + "checkpoint_x"})
+    makeFile(name + "/owner");
+  xcoded::recoverFromCrash();
+  EXPECT_EQ(row(1).status, 0);
+  EXPECT_TRUE(fs::exists(mine + "/owner"));
+  EXPECT_FALSE(fs::exists(work + "checkpoint_1_0123456789abcdef")) << "of another source";
+  EXPECT_FALSE(fs::exists(work + "checkpoint_2_0123456789abcdef")) << "of a finished job";
+  EXPECT_FALSE(fs::exists(work + "checkpoint_9_0123456789abcdef")) << "of no job";
+  EXPECT_TRUE(fs::exists(work + "checkpoint_x")) << "no checkpoint";
+}
+
 TEST_F(RecoveryTest, ALinkInPlaceOfTheTemporaryFolderIsNotFollowed) {
   const std::string folder = m_dir / "share/";
   const std::string victim = makeFile((m_dir / "victim/") + nameOf(deadPid(), time(nullptr)));

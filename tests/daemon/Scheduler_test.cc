@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "KxAbstractTranscodeSvr.h"
+#include "KxTranscodeUnit2.h"
 #include "daemon/Scheduler.h"
 
 using namespace xcoded;
@@ -88,6 +89,54 @@ TEST(Scheduler, RoomGrowsWithProfilesAndLength) {
   // A profile that keeps the picture, and a source of unknown length, need the source's size.
   EXPECT_GE(estimateRoom(job("/a", 32, 100 * kMega, 600)), 200 * kMega);
   EXPECT_GE(estimateRoom(job("/a", 1, 100 * kMega, 0)), 200 * kMega);
+}
+
+TEST(Scheduler, TheEstimateCoversAllProfilesAtATime) {
+  // As one encoder writes them: all of them are there before the first is put in place.
+  int64_t sum = 0;
+  for (const uint64_t profile : {1, 2, 4, 8}) {
+    // Alone, a profile counts twice, and the spare of 64 MB once.
+    sum += (estimateRoom(job("/a", profile, 100 * kMega, 600)) - 64 * kMega) / 2;
+  }
+  EXPECT_GE(estimateRoom(job("/a", 15, 100 * kMega, 600)), sum);
+}
+
+TEST(Scheduler, OnlyLongVideosNeedRoomForPieces) {
+  EXPECT_EQ(kxJobRoom(job("/a", 1, 100 * kMega, 1199)).pieces, 0);
+  EXPECT_EQ(kxJobRoom(job("/a", 64, 100 * kMega, 1200)).pieces, 0) << "sound is not cut";
+  EXPECT_GT(kxJobRoom(job("/a", 1, 100 * kMega, 1200)).pieces, 200 * kMega);
+  EXPECT_GT(kxJobRoom(job("/a", 15, 100 * kMega, 1200)).pieces,
+            kxJobRoom(job("/a", 1, 100 * kMega, 1200)).pieces);
+}
+
+TEST(Scheduler, RoomForPiecesIsSetAsideWhereTheyGo) {
+  const KxDBTaskParam film = job("/one/a", 1, 100 * kMega, 1200);
+  const KxJobRoom room = kxJobRoom(film);
+  const auto volumes = [&](int64_t atWork) {
+    return RoomLedger(
+        [&](const std::string&) {
+          return Volume{1, 10 * room.beside};
+        },
+        [atWork] {
+          return Volume{2, atWork};
+        });
+  };
+  RoomLedger narrow = volumes(room.pieces / 2);
+  EXPECT_TRUE(narrow.reserve(film)) << "it goes whole";
+  // On one volume the second job finds what the first one leaves.
+  const int64_t both = room.beside + room.pieces;
+  RoomLedger one(
+      [&](const std::string&) {
+        return Volume{1, both + room.beside - 1};
+      },
+      [&] {
+        return Volume{1, 0};
+      });
+  EXPECT_TRUE(one.reserve(film));
+  EXPECT_FALSE(one.reserve(film));
+  RoomLedger whole([&](const std::string&) { return Volume{1, both + room.beside - 1}; });
+  EXPECT_TRUE(whole.reserve(film));
+  EXPECT_EQ(whole.reserve(film), room.pieces > 0);
 }
 
 TEST(Scheduler, JobsThatStartTogetherDoNotCountOnTheSameRoom) {

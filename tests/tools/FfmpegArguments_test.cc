@@ -52,6 +52,17 @@ TEST(FfmpegArguments, NameTheMatroskaFormatAsTheEncoderDoes) {
             (Words{"-nostdin", "-f", "matroska", "-i", "/in", "-f", "matroska", "/out.mkv"}));
 }
 
+TEST(FfmpegArguments, TakeTheSoundThatWasEncodedForPiecesAsItIs) {
+  EXPECT_EQ(adapted({"-f", "concat", "-i", "/w/merge_list", "-i", "/w/reAudio.mp4", "-c:v", "copy",
+                     "-c:a", "aac", "-ac", "2", "-ar", "64000", "/out.mp4"}),
+            (Words{"-nostdin", "-f", "concat", "-safe", "0", "-i", "/w/merge_list", "-i",
+                   "/w/reAudio.mp4", "-c:v", "copy", "-c:a", "copy", "/out.mp4"}));
+  for (const Words& other :
+       {Words{"-i", "/w/reAudio.mp4", "-c:a", "aac", "/out.mp4"},
+        Words{"-f", "concat", "-i", "/list", "-i", "/w/other.mp4", "-c:a", "aac", "/out.mp4"}})
+    EXPECT_EQ(optionOf(other, "-c:a"), "aac");
+}
+
 TEST(FfmpegArguments, DropASamplingRateThatTheEncoderRefuses) {
   EXPECT_EQ(adapted({"-i", "/in", "-ar", "128000", "-c:a", "aac", "/out.mp4"}),
             (Words{"-nostdin", "-i", "/in", "-c:a", "aac", "/out.mp4"}));

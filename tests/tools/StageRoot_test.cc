@@ -29,7 +29,7 @@ TEST(StageRoot, LaysOutTheShippedConfiguration) {
   EXPECT_EQ(key(root, "TRANSCODESVR", "MEM_LIMIT"), "-1");
   EXPECT_EQ(key(root, "TRANSCODESVR", "SUBTITLE"), "0");
   EXPECT_EQ(key(root, "TRANSCODESVR", "ENABLE_EXTRA_TRANSOCDE"), "0");
-  EXPECT_EQ(key(root, "TRANSCODESVR", "SEGMENT"), "0");
+  EXPECT_EQ(key(root, "TRANSCODESVR", "SEGMENT"), "1");
   EXPECT_EQ(key(root, "TRANSCODESVR", "FANOUT"), "1");
   EXPECT_EQ(key(root, "OPTIONS", "MlsDataDir"), root.path() + "/var/lib/xcode/");
   char platform[64];
