@@ -61,9 +61,9 @@ void runJob(KxTranscodeUnit2& unit, UnitVisit& visit) {
     }
   }
   const KxUnitState_e state = run.state();
-  writeOutcome(run, state, succeeded);
   // A job that was stopped or suspended goes on from there.
   if (state == UNIT_START) removeCheckpoints(run.job().id);
+  writeOutcome(run, state, succeeded);
 }
 
 }  // namespace
