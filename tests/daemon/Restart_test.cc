@@ -56,9 +56,10 @@ class Restart : public testing::Test {
   size_t keptPieces() const {
     size_t count = 0;
     std::error_code ignored;
-    for (const std::string& path : checkpoints())
+    for (const std::string& path : checkpoints()) {
       for (const auto& entry : fs::directory_iterator(path + "/original", ignored))
         count += entry.path().filename().string().starts_with("merge_") ? 1U : 0U;
+    }
     return count;
   }
   bool waitForFivePieces() const {

@@ -94,7 +94,7 @@ TEST(Scheduler, RoomGrowsWithProfilesAndLength) {
 TEST(Scheduler, TheEstimateCoversAllProfilesAtATime) {
   // As one encoder writes them: all of them are there before the first is put in place.
   int64_t sum = 0;
-  for (const uint64_t profile : {1, 2, 4, 8}) {
+  for (const uint64_t profile : {1U, 2U, 4U, 8U}) {
     // Alone, a profile counts twice, and the spare of 64 MB once.
     sum += (estimateRoom(job("/a", profile, 100 * kMega, 600)) - 64 * kMega) / 2;
   }

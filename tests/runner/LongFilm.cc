@@ -20,7 +20,7 @@ constexpr int kWidth = kColumns * kBlock;
 constexpr int kHeight = kRows * kBlock;
 constexpr size_t kBlocks = 24;
 constexpr size_t kPictureSize = 1536;
-static_assert(kBlocks == kColumns * kRows && kPictureSize == kWidth * kHeight);
+static_assert(int{kBlocks} == kColumns * kRows && int{kPictureSize} == kWidth * kHeight);
 constexpr int kBits = 17;
 constexpr double kToneSeconds = 0.02;
 constexpr double kToneEvery = 10;
@@ -38,8 +38,10 @@ std::string pictureOf(int number) {
     if ((number >> bit & 1) == 0) continue;
     const int top = bit / kColumns * kBlock;
     const int left = bit % kColumns * kBlock;
-    for (int line = 0; line < kBlock; ++line)
-      picture.replace(static_cast<size_t>((top + line) * kWidth + left), kBlock, kBlock, '\xeb');
+    for (int line = 0; line < kBlock; ++line) {
+      const int start = (top + line) * kWidth + left;
+      picture.replace(static_cast<size_t>(start), kBlock, kBlock, '\xeb');
+    }
   }
   return picture;
 }
