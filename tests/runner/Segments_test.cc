@@ -330,3 +330,29 @@ TEST_F(Segments, ATurnedFilmGivesAnUprightResult) {
   EXPECT_LT(probed->width, probed->height);
   EXPECT_FALSE(probed->turned);
 }
+
+TEST_F(Segments, ACardThatFailsLeavesItsPiecesToTheProcessors) {
+  world.setCards({"gpu0:maker:model:external:1"});
+  world.setAgent("echo agent \"$*\" >>'" + commandFile() + "'\nexit 1\n");
+  const KxDBTaskParam row = world.run(film("film.mp4"), PROFILE_ORIGINAL);
+  expectDone(row);
+  EXPECT_GE(commands("agent ").size(), 1u);
+  EXPECT_EQ(pieceEncoders(), kPieces);
+  EXPECT_EQ(commands("-f concat").size(), 1u);
+  expectNumbered(result("film.mp4"));
+}
+
+TEST_F(Segments, PiecesAreSpreadOverACardAndTheProcessors) {
+  world.setCards({"gpu0:maker:model:external:1"});
+  // A card that makes of a piece what the processors make of it.
+  world.setAgent("in= out= last=\nfor word; do\n"
+                 "case \"$last\" in -i) in=$word ;; -o) out=$word ;; esac\nlast=$word\ndone\n"
+                 "echo agent \"$in\" >>'" +
+                 commandFile() +
+                 "'\nexec ffmpeg -nostdin -y -i \"$in\" -c:v libx264 -preset superfast \"$out\"\n");
+  expectDone(world.run(film("film.mp4"), PROFILE_ORIGINAL));
+  EXPECT_GE(commands("agent ").size(), 1u);
+  EXPECT_EQ(commands("agent ").size() + pieceEncoders(), kPieces);
+  EXPECT_EQ(commands("-f concat").size(), 1u);
+  expectNumbered(result("film.mp4"));
+}
