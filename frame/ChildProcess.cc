@@ -191,7 +191,9 @@ ChildProcess ChildProcess::spawn(const std::vector<std::string>& argv, const Opt
   }
   Redirections redirections;
   if (!redirections.open(options)) {
+    const int error = errno;
     KX_LOG_ERRNO("cannot open descriptors for %s", argv[0].c_str());
+    errno = error;
     return child;
   }
   const std::vector<char*> words = pointersTo(argv);

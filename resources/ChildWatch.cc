@@ -166,6 +166,15 @@ std::string ChildEnd::text() const {
   }
 }
 
+ChildProcess startReadChild(const std::vector<std::string>& argv, ChildProcess::Options options) {
+  options.captureStdout = true;
+  ChildProcess child = ChildProcess::spawn(argv, options);
+  if (child.valid()) return child;
+  const bool lacksDescriptors = errno == EMFILE || errno == ENFILE;
+  KX_RUNNER_LOG(lacksDescriptors ? "create pipe error\n" : "fork error\n");
+  return child;
+}
+
 void stopChild(ChildProcess& child) {
   stopChildren({&child});
 }

@@ -91,6 +91,9 @@ class ShownChild {
   JobRun& m_run;
 };
 
+// Starts a program whose output is read. Logs what could not be had when the result is not valid.
+ChildProcess startReadChild(const std::vector<std::string>& argv, ChildProcess::Options options);
+
 // Tells the child to end because the unit was stopped, and waits until it has.
 void stopChild(ChildProcess& child);
 

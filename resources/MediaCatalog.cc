@@ -37,13 +37,8 @@ bool readAnswer(JobRun& run, ChildProcess& child, std::string& answer) {
 bool runTool(JobRun& run, const std::vector<std::string>& arguments, std::string& answer) {
   std::vector<std::string> argv = {miscSystemPath(kCatalogTool)};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
-  ChildProcess::Options options;
-  options.captureStdout = true;
-  ChildProcess child = ChildProcess::spawn(argv, options);
-  if (!child.valid()) {
-    KX_RUNNER_LOG("fork error\n");
-    return false;
-  }
+  ChildProcess child = startReadChild(argv, {});
+  if (!child.valid()) return false;
   if (!readAnswer(run, child, answer)) {
     stopChild(child);
     return false;

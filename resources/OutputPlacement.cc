@@ -25,7 +25,8 @@ UniqueFd makeFolderAt(int base, const std::string& name) {
 
 std::string uniqueName() {
   std::string name;
-  miscGenUniqueFileName(name);
+  if (miscGenUniqueFileName(name) != 0)
+    KX_RUNNER_LOG("can not create temp name %s\n", name.c_str());
   return name;
 }
 

@@ -27,6 +27,21 @@
 namespace runner {
 namespace {
 
+// Removes the renderer's scratch folder when it goes.
+class ScratchFolder {
+ public:
+  explicit ScratchFolder(const std::string& path) : m_path(path) {}
+  ~ScratchFolder() {
+    if (myremove(m_path.c_str()) != 0)
+      KX_RUNNER_LOG("remove gs tmp folder %s fail\n", m_path.c_str());
+  }
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+ private:
+  const std::string& m_path;
+};
+
 constexpr const char* kRenderer = "/usr/local/sbin/gs";
 constexpr mode_t kScratchMode = 0700;
 
@@ -135,18 +150,14 @@ std::vector<std::string> PdfJob::command() const {
 }
 
 bool PdfJob::render() {
-  const Cleanup cleanup([this] { return m_scratch; });
+  const ScratchFolder scratch(m_scratch);
   if (mymkdir(m_scratch.c_str(), kScratchMode) != 0)
     return m_run.fail("cannot create the folder " + m_scratch);
   ChildProcess::Options options;
-  options.captureStdout = true;
   options.stderrFile = m_scratch + "/gs.log";
   options.extraEnv = {"TMPDIR=" + m_scratch};
-  ChildProcess child = ChildProcess::spawn(command(), options);
-  if (!child.valid()) {
-    KX_RUNNER_LOG("fork error\n");
-    return m_run.fail("the renderer could not be started");
-  }
+  ChildProcess child = startReadChild(command(), options);
+  if (!child.valid()) return m_run.fail("the renderer could not be started");
   const ShownChild shown(m_run, child.pid());
   if (followRenderer(child)) return true;
   const std::string line = m_complaint.empty() ? complaintOf(options.stderrFile) : m_complaint;

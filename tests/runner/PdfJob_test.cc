@@ -161,6 +161,7 @@ TEST_F(PdfJob, AMissingRendererFailsTheJob) {
   const KxDBTaskParam row = world.run(makePdf("paper.pdf", 1), PROFILE_240P);
   EXPECT_EQ(row.status, JOB_ERROR);
   EXPECT_EQ(world.reason(row.id), "the renderer could not be started");
+  EXPECT_TRUE(log.has("fork error\n"));
 }
 
 TEST_F(PdfJob, WithoutAnyResourceTheJobFails) {
