@@ -57,7 +57,7 @@ class ChildGroup {
 
   // Takes over a child that miscLaunchCmdNoWait started. @param key names it, chosen by the caller
   void add(int key, pid_t pid, const WatchPoints& points);
-  bool isEmpty() const { return m_members.empty(); }
+  size_t size() const { return m_members.size(); }
   // Waits until a child has ended, or was ended because it stalled. Nothing when there is none
   // or the run has to end: they are all ended then.
   // @param onProgress called once a second, may be empty

@@ -98,6 +98,7 @@ void PieceWork::run(const std::vector<PieceBranch*>& branches, const OtherEnd& o
     const auto task = m_tasks.find(ended->key);
     if (task == m_tasks.end()) {
       onOther(*ended);
+      startTasks();
       continue;
     }
     const std::unique_ptr<Task> done = std::move(task->second);
@@ -107,9 +108,18 @@ void PieceWork::run(const std::vector<PieceBranch*>& branches, const OtherEnd& o
   }
 }
 
+// Other children of the group work on the processors too. The sound would be ready last if it
+// had to share its processor with a piece.
+bool PieceWork::hasSlot(const Engine& engine) const {
+  if (!engine.isCpu) return engine.slots > 0;
+  const int all = pieceThreads(MyUtil_GetCpuNum()).pieces;
+  const int others = static_cast<int>(m_group.size() - m_tasks.size());
+  return all - engine.slots < std::max(1, all - others);
+}
+
 void PieceWork::startTasks() {
   for (const auto& engine : m_engines) {
-    while (engine->isUsable && engine->slots > 0 && startTaskOn(*engine)) {
+    while (engine->isUsable && hasSlot(*engine) && startTaskOn(*engine)) {
     }
   }
 }

@@ -61,6 +61,7 @@ class PieceWork {
   struct Task;
   using Tries = std::vector<size_t>;  // engines that failed on a result
 
+  bool hasSlot(const Engine& engine) const;
   void startTasks();
   bool startTaskOn(Engine& engine);
   std::vector<PieceBranch*> chooseFor(const Engine& engine, size_t piece);
