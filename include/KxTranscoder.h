@@ -232,8 +232,9 @@ class KxTranscoder {
   /// @return the child's pid, or -1. The caller waits for it and renames the result.
   int workaroundStripMetadata(std::string output);
 
-  /// Waits for a child that init(), doSegment() or doMerge() started, in the calling thread, and reaps
-  /// it. It may end the child early. @return 0 when the child did its work, else another value
+  /// Waits for a child that init(), doSegment() or doMerge() started, in the calling thread, and
+  /// reaps it. It may end the child early. @return 0 when the child did its work, else another
+  /// value
   using ChildWaiter = std::function<int(int pid)>;
   /// Sets how init(), doSegment() and doMerge() wait, so that a caller can follow and stop their
   /// children. Without one they wait until the child ends by itself, as long as it takes.
