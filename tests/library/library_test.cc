@@ -35,7 +35,7 @@ const std::map<std::string, std::set<std::string>> kBelow = {
     {"resources", {"frame", "probe", "jobstore", "engines"}},
     {"watch", {"frame", "jobstore"}},
     {"host", {"frame"}},
-    {"tools", {"frame", "engines", "host"}},
+    {"tools", {"frame", "engines", "probe", "host"}},
 };
 
 }  // namespace
