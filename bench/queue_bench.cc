@@ -268,7 +268,7 @@ int run(const std::string& command) {
 
 int main(int argc, char** argv) {
   try {
-    return run(argc > 1 ? argv[1] : "/bin/true");
+    return run(std::filesystem::canonical(argc > 1 ? argv[1] : "/bin/true"));
   } catch (const std::exception& error) {
     fprintf(stderr, "queue_bench: %s\n", error.what());
     return 2;
