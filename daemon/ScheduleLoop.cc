@@ -210,10 +210,12 @@ bool ScheduleLoop::hasRoom(const KxDBTaskParam& job, RoomLedger& room) {
     m_withoutRoom.erase(job.id);
     return true;
   }
-  if (m_withoutRoom.size() >= kMaxSkipped) m_withoutRoom.clear();
+  if (m_withoutRoom.contains(job.id)) return false;
   const std::string fault = roomFault(job);
   // Without a fault only the jobs that run now are in its way.
-  if (!fault.empty() && m_withoutRoom.insert(job.id).second) {
+  if (!fault.empty()) {
+    if (m_withoutRoom.size() >= kMaxSkipped) m_withoutRoom.clear();
+    m_withoutRoom.insert(job.id);
     KX_LOG_LEVEL(3, "job %ld of %s waits for %s\n", static_cast<long>(job.id), job.src.c_str(),
                  fault.c_str());
   }
