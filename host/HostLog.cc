@@ -71,6 +71,7 @@ void escapeInto(const char* text, size_t length, Put put) {
 // The path between fork and exec: stack memory and one write(2), nothing else.
 void writeFromChild(int level, const char* source, int line, const char* func, const char* fmt,
                     va_list args) {
+  if (level > gLevel.load(std::memory_order_relaxed)) return;
   std::array<char, 4096> text;
   int textLength = vsnprintf(text.data(), text.size(), fmt, args);
   if (textLength < 0) return;

@@ -172,6 +172,21 @@ TEST(HostLog, AForkedChildWritesToTheSameFileAndKeepsErrno) {
   EXPECT_EQ(file.lines()[0], "[" + std::to_string(child) + "] L5 Child:3 run: from below\\x1b");
 }
 
+TEST(HostLog, AForkedChildKeepsToTheConfiguredLevel) {
+  kxhost::LogSettings settings;
+  settings.level = 3;
+  const FileLog file(settings);
+  const pid_t child = fork();
+  if (child == 0) {
+    logPlain("detail\n");
+    myDebugUtilWrapperPrint(3, 0, "Child", 1, "f", "failure\n");
+    _exit(0);
+  }
+  ASSERT_EQ(waitpid(child, nullptr, 0), child);
+  ASSERT_EQ(file.lines().size(), 1U);
+  EXPECT_TRUE(endsWith(file.lines()[0], "L3 Child:1 f: failure"));
+}
+
 TEST(HostLog, AForkedChildCutsWhatItsStackCannotHold) {
   const FileLog file;
   const std::string longText(100000, 'z');
