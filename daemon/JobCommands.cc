@@ -15,7 +15,6 @@
 #include "daemon/AccessRule.h"
 #include "daemon/FolderWatch.h"
 #include "daemon/LibraryLocks.h"
-#include "daemon/VolumeRoom.h"
 
 namespace xcoded {
 namespace {
@@ -293,7 +292,7 @@ Answer JobCommands::show(int, const KxSockData_s& request) {
   }
   nlohmann::json object = jobToJson(job);
   object["reason"] = reason;
-  if (job.status == JOB_WAITING) object["waitsFor"] = roomFault(job);
+  if (job.status == JOB_WAITING) object["waitsFor"] = m_loop.obstacleOf(job);
   object["outputs"] = outputsOf(job);
   return Answer::object(object);
 }

@@ -231,29 +231,61 @@ bool ScheduleLoop::startJob(const KxDBTaskParam& job, RoomLedger& room) {
   return true;
 }
 
+std::string ScheduleLoop::obstacleOf(const KxDBTaskParam& job) {
+  const int status = m_server.status();
+  if (status == SVR_STOPPED) return "the service, which is stopped";
+  if (status == SVR_PAUSED) return "the end of the pause";
+  {
+    MutexLock lock(m_mutex);
+    if (m_isDiskFull) return "room on the volume of the queue";
+    const auto noted = m_obstacles.find(job.id);
+    if (noted != m_obstacles.end()) return noted->second;
+  }
+  return roomFault(job);
+}
+
+bool ScheduleLoop::isDiskFull() {
+  const bool isFull = m_server.isDiskFull();
+  MutexLock lock(m_mutex);
+  m_isDiskFull = isFull;
+  return isFull;
+}
+
 void ScheduleLoop::startJobs() {
   m_watched.beginRound();
   const std::vector<KxDBTaskParam> units = unitJobs();
-  int slots = slotsNow(units);
+  const int slots = slotsNow(units);
   if (slots == 0) return;
+  Obstacles obstacles = fillSlots(slots, units);
+  MutexLock lock(m_mutex);
+  m_obstacles = std::move(obstacles);
+}
+
+ScheduleLoop::Obstacles ScheduleLoop::fillSlots(int slots,
+                                                const std::vector<KxDBTaskParam>& units) {
+  Obstacles obstacles;
   RoomLedger room(volumeOfFile, volumeOfPieces);
   for (const KxDBTaskParam& job : units) room.reserve(job);
   WaitingRows rows;
   bool isDiskChecked = false;
   while (slots > 0 && rows.skipped() < kMaxSkipped) {
     const std::optional<KxDBTaskParam> job = rows.next();
-    if (!job) return;
+    if (!job) break;
     // Asked only when there is something to start: a full disk is logged each time.
-    if (!isDiskChecked && m_server.isDiskFull()) return;
+    if (!isDiskChecked && isDiskFull()) break;
     isDiskChecked = true;
-    const WatchedJobs::Verdict verdict = m_watched.judge(*job, unitJobs());
-    if (verdict == WatchedJobs::Verdict::Renewed) continue;
-    if (verdict == WatchedJobs::Verdict::Wait || !startJob(*job, room)) {
+    const WatchedJobs::Judgement judgement = m_watched.judge(*job, unitJobs());
+    if (judgement.verdict == WatchedJobs::Verdict::Renewed) continue;
+    if (judgement.verdict == WatchedJobs::Verdict::Wait) {
+      obstacles[job->id] = judgement.waitsFor;
       rows.skip();
-    } else {
+    } else if (startJob(*job, room)) {
       --slots;
+    } else {
+      rows.skip();
     }
   }
+  return obstacles;
 }
 
 }  // namespace xcoded

@@ -61,6 +61,8 @@ class ScheduleLoop {
   // Stops the units of matching jobs and acts when they are gone. The future yields what act
   // returned.
   std::future<std::string> submit(StopOperation operation);
+  // What keeps a waiting job from being started besides its turn; empty when nothing does.
+  std::string obstacleOf(const KxDBTaskParam& job);
 
  private:
   struct OpenOperation {
@@ -69,6 +71,7 @@ class ScheduleLoop {
     bool isStopping = false;
   };
   using Clock = std::chrono::steady_clock;
+  using Obstacles = std::map<int64_t, const char*>;  // what jobs wait for
 
   void run();
   bool waitForWork();
@@ -81,6 +84,8 @@ class ScheduleLoop {
   bool isHeld(const KxDBTaskParam& job);
   bool hasRoom(const KxDBTaskParam& job, RoomLedger& room);
   bool startJob(const KxDBTaskParam& job, RoomLedger& room);
+  Obstacles fillSlots(int slots, const std::vector<KxDBTaskParam>& units);
+  bool isDiskFull();
   bool waitForUnits(std::chrono::milliseconds limit);
 
   const Server m_server;
@@ -93,6 +98,8 @@ class ScheduleLoop {
   bool m_isSoon KX_GUARDED_BY(m_mutex) = false;
   bool m_isStopping KX_GUARDED_BY(m_mutex) = false;
   std::list<OpenOperation> m_submitted KX_GUARDED_BY(m_mutex);
+  Obstacles m_obstacles KX_GUARDED_BY(m_mutex);      // of watched jobs
+  bool m_isDiskFull KX_GUARDED_BY(m_mutex) = false;  // as last seen with a job waiting
 
   // Only the loop's thread uses what follows.
   std::list<OpenOperation> m_open;

@@ -64,18 +64,20 @@ void recordTime(const std::string& path, int64_t seconds) {
 
 }  // namespace
 
-WatchedJobs::Verdict WatchedJobs::judge(const KxDBTaskParam& job,
-                                        const std::vector<KxDBTaskParam>& units) {
-  if (!isWatched(job)) return Verdict::Start;
-  if (!m_settle.isComplete(job.src)) return Verdict::Wait;
+WatchedJobs::Judgement WatchedJobs::judge(const KxDBTaskParam& job,
+                                          const std::vector<KxDBTaskParam>& units) {
+  constexpr Judgement kStart{Verdict::Start};
+  if (!isWatched(job)) return kStart;
+  if (!m_settle.isComplete(job.src)) return {Verdict::Wait, "its source to be complete"};
   struct stat info {};
   if (stat(job.src.c_str(), &info) != 0) {
     // A volume that is not mounted brings its files back; what is gone for good fails by itself.
     const bool isGone = errno == ENOENT || errno == ENOTDIR;
     const bool mayReturn = isGone && KxTransFileMonitor::getInstance()->isAway(job.src);
-    return mayReturn ? Verdict::Wait : Verdict::Start;
+    if (!mayReturn) return kStart;
+    return {Verdict::Wait, "the volume of its source, which is not mounted"};
   }
-  if (!S_ISREG(info.st_mode)) return Verdict::Start;
+  if (!S_ISREG(info.st_mode)) return kStart;
   const auto running = std::find_if(units.begin(), units.end(), [&](const KxDBTaskParam& unit) {
     return unit.src == job.src && unit.id != job.id;
   });
@@ -83,11 +85,11 @@ WatchedJobs::Verdict WatchedJobs::judge(const KxDBTaskParam& job,
     // It works on a state of the source that is gone, so its result would not count.
     if (isWatched(*running) && running->fileSize != info.st_size)
       stopUnits([id = running->id](const KxDBTaskParam& unit) { return unit.id == id; });
-    return Verdict::Wait;
+    return {Verdict::Wait, "another job of its source to end"};
   }
-  if (job.fileSize != info.st_size && renew(job, info.st_size)) return Verdict::Renewed;
+  if (job.fileSize != info.st_size && renew(job, info.st_size)) return {Verdict::Renewed};
   recordTime(job.src, info.st_mtime);
-  return Verdict::Start;
+  return kStart;
 }
 
 }  // namespace xcoded

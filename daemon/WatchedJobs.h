@@ -17,12 +17,16 @@ class WatchedJobs {
     Wait,     // the row keeps waiting
     Renewed,  // the row is gone: a row for the source as it is now waits in its place
   };
+  struct Judgement {
+    Verdict verdict;
+    const char* waitsFor = "";  // with Verdict::Wait: what the job waits for, for its owner
+  };
 
   explicit WatchedJobs(std::chrono::seconds settleTime) : m_settle(settleTime) {}
 
   void beginRound() { m_settle.beginRound(); }
   // @param units the jobs that have a unit
-  Verdict judge(const KxDBTaskParam& job, const std::vector<KxDBTaskParam>& units);
+  Judgement judge(const KxDBTaskParam& job, const std::vector<KxDBTaskParam>& units);
   // When a job that waits for its source may have to be looked at again.
   std::optional<SourceSettle::Clock::time_point> nextLook() const { return m_settle.nextLook(); }
 

@@ -148,6 +148,7 @@ TEST(Daemon, StopActsAtOnceAndTheJobWaitsAgain) {
   EXPECT_TRUE(atOnce([&] { return !processRuns(encoder) && daemon.status(id) == JOB_WAITING; }));
   EXPECT_EQ(daemon.show(id).at("dateStart"), 0);
   EXPECT_EQ(daemon.show(id).at("dateFinish"), 0);
+  EXPECT_EQ(daemon.show(id).at("waitsFor"), "the service, which is stopped");
   EXPECT_EQ(numberOf(*daemon.ask(KX_CMD_GET_SVR_STATUS), 1), SVR_STOPPED);
   EXPECT_TRUE(atOnce([&] { return root.leftovers().empty() && daemon.units().empty(); }));
   EXPECT_EQ(daemon.result(KX_CMD_START), 0);
@@ -197,6 +198,7 @@ TEST(Daemon, JobsAddedDuringAPauseStartWhenItEnds) {
   ASSERT_EQ(daemon.result(KX_CMD_PAUSE, -1), 0);
   const int64_t id = daemon.add(root.media("a.mp4"));
   EXPECT_EQ(daemon.status(id), JOB_WAITING);
+  EXPECT_EQ(daemon.show(id).at("waitsFor"), "the end of the pause");
   EXPECT_TRUE(daemon.units().empty());
   EXPECT_EQ(daemon.result(KX_CMD_PAUSE, 0), 0);
   EXPECT_TRUE(waitForEnd(daemon, id));
@@ -629,6 +631,7 @@ TEST(Daemon, NothingStartsWhileTheDiskIsFull) {
   EXPECT_EQ(numberOf(*daemon.ask(KX_CMD_GET_SVR_STATUS), 3), 1);
   const int64_t id = daemon.add(root.media("a.mp4"));
   EXPECT_FALSE(waitUntil([&] { return daemon.status(id) != JOB_WAITING; }, 1500ms));
+  EXPECT_EQ(daemon.show(id).at("waitsFor"), "room on the volume of the queue");
   fs::rename(root / "var/lib/xcode/away.db", root / "var/lib/xcode/jobs.db");
   EXPECT_EQ(numberOf(*daemon.ask(KX_CMD_GET_SVR_STATUS), 3), 0);
   EXPECT_TRUE(waitForEnd(daemon, id)) << "it starts by itself when there is room";

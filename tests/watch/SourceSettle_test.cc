@@ -42,7 +42,7 @@ class SettleTest : public WatchWorld {
   static WatchedJobs::Verdict judge(WatchedJobs& watched, const KxDBTaskParam& job,
                                     const std::vector<KxDBTaskParam>& units = {}) {
     watched.beginRound();
-    return watched.judge(job, units);
+    return watched.judge(job, units).verdict;
   }
 };
 

@@ -134,6 +134,15 @@ class WatchSystem : public testing::Test {
       if (job.at("src") == media(name) && (state == -1 || job.at("status") == state)) ++found;
     return found;
   }
+  // What keeps the job of a file waiting, as its owner is told.
+  std::string waitsFor(const std::string& name) const {
+    for (const json& job : jobs()) {
+      if (job.at("src") != media(name)) continue;
+      const auto text = ctl({"show", std::to_string(job.at("id").get<int64_t>())});
+      return text ? json::parse(*text).value("waitsFor", "") : "";
+    }
+    return "";
+  }
   // Nothing waits or runs, and exactly one job of the file has succeeded and none failed.
   bool isDoneOnce(const std::string& name) const {
     const bool isDone = waitUntil(
@@ -202,6 +211,7 @@ TEST_F(WatchSystem, AWriterThatPausesForSecondsGivesOneResultOfTheWholeFile) {
     ASSERT_TRUE(ctl({"scan"}));
     ASSERT_TRUE(waitUntil([this] { return count("in/a.mp4") == 1; }));
     expectNothingFor("in/a.mp4", seconds(4));
+    EXPECT_EQ(waitsFor("in/a.mp4"), "its source to be complete");
     ASSERT_GT(write(fd.get(), bytes.data() + bytes.size() / 2, bytes.size() - bytes.size() / 2), 0);
   }
   ASSERT_TRUE(isDoneOnce("in/a.mp4"));
@@ -347,6 +357,7 @@ TEST_F(WatchSystem, AVolumeThatIsUnmountedKeepsItsJobsAndTheyRunWhenItIsBack) {
   ASSERT_TRUE(ctl({"resume"}));
   expectNothingFor("in/a.mp4", seconds(3));
   EXPECT_EQ(count("in/a.mp4", JOB_WAITING), 1);
+  EXPECT_EQ(waitsFor("in/a.mp4"), "the volume of its source, which is not mounted");
   ASSERT_TRUE(waitUntil([this] {
     return kxtest::readFile(m_dir / "log").find(media("in") + " is there, watch and scan it") !=
            std::string::npos;
