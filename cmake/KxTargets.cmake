@@ -2,6 +2,8 @@
 # as the library (everything of the host stays undefined) or as a host executable
 # (which supplies those symbols to the library at run time).
 
+include(${CMAKE_CURRENT_LIST_DIR}/KxHostExecutable.cmake)
+
 add_library(kx_warnings INTERFACE)
 target_compile_options(kx_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
@@ -27,27 +29,22 @@ endfunction()
 # come from the host executable when they are first called.
 function(kx_configure_library target)
   target_include_directories(${target}
-    PUBLIC ${PROJECT_SOURCE_DIR}/include
+    PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
     PRIVATE ${PROJECT_SOURCE_DIR})
   target_include_directories(${target} SYSTEM PRIVATE
     ${SQLITE_INCLUDE_DIRS} ${LIBAV_INCLUDE_DIRS})
   target_compile_options(${target} PRIVATE -fsemantic-interposition)
-  target_link_libraries(${target} PRIVATE kx_warnings Boost::filesystem)
+  target_link_libraries(${target} PRIVATE
+    $<BUILD_INTERFACE:kx_warnings> $<BUILD_INTERFACE:Boost::filesystem>)
   target_link_options(${target} PRIVATE
     LINKER:-z,lazy LINKER:--as-needed LINKER:--unresolved-symbols=ignore-all)
   set_target_properties(${target} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
 endfunction()
 
-# A host executable: the host layer goes in whole and is exported to the library,
-# and SQLite and libav* are linked even where the executable itself never calls them.
-function(kx_host_executable target)
+# A host executable of this project.
+function(kx_own_executable target)
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
-  target_link_libraries(${target} PRIVATE
-    kx_warnings kxtranscode
-    "-Wl,--whole-archive" kxhost "-Wl,--no-whole-archive"
-    PkgConfig::SQLITE PkgConfig::LIBAV Threads::Threads)
-  # As an option, because flags between libraries are reordered away from them.
-  target_link_options(${target} PRIVATE
-    -rdynamic LINKER:--no-as-needed)
+  target_link_libraries(${target} PRIVATE kx_warnings)
+  kx_host_executable(${target})
 endfunction()
