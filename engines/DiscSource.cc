@@ -17,6 +17,7 @@ std::string discIndex(const std::string& path, const kxprobe::DiscKind& kind) {
 }  // namespace
 
 int DiscSource::attach(const std::string& path) {
+  m_mount.release();
   m_hostPath = path;
   m_addOnPath = path;
   if (kxprobe::endsWithIgnoringCase(path, ".iso")) {

@@ -16,9 +16,9 @@ namespace engines {
 // Used from one thread.
 class DiscSource {
  public:
-  // Mounts an image and looks for a disc. From here to the end of probe() whatever reads from a
-  // mounted image that does not answer gets an error when the thread's work has to end, or
-  // when it takes too long.
+  // Mounts an image and looks for a disc; what was attached before is released. From here to
+  // the end of probe() whatever reads from a mounted image that does not answer gets an error
+  // when the thread's work has to end, or when it takes too long.
   // @return 0, or 1 when the image cannot be mounted
   int attach(const std::string& path);
   // Probes what was attached. @return 0, or 1 when it is nothing that can be probed

@@ -226,6 +226,14 @@ bool unmount(const std::string& mountPoint) {
   return errno == EPERM && succeeded(runProgram({"fusermount", "-u", "-z", mountPoint}));
 }
 
+// The path as makeMountPoint() gave it. The mount itself is not asked: it may not answer.
+std::string resolved(const std::string& mountPoint) {
+  std::error_code failed;
+  const fs::path path(mountPoint);
+  const fs::path folder = fs::canonical(path.parent_path(), failed);
+  return failed ? mountPoint : (folder / path.filename()).string();
+}
+
 bool releaseMount(const std::string& mountPoint) {
   ChildProcess server = fuseServers().take(mountPoint);
   const bool released = unmount(mountPoint);
@@ -329,17 +337,19 @@ int umountIso(const char* mountPoint) {
 
 int chrootMountIso(const char* chrootPath, const char* iso, char* pathInChroot, int size) {
   if (chrootPath == nullptr || *chrootPath == '\0' || iso == nullptr) return 1;
-  const std::string mounted =
-      kxhost::mountBelow(std::string(chrootPath) + kxhost::kChrootMountFolder, iso);
+  const std::string folder = kxhost::kChrootMountFolder;
+  const std::string mounted = kxhost::mountBelow(chrootPath + folder, iso);
   if (mounted.empty()) return 1;
-  if (kxhost::copyPath(mounted.substr(strlen(chrootPath)), pathInChroot, size) == 0) return 0;
+  // The environment may be named through a link: only the last name is the same on both sides.
+  const std::string inChroot = folder + mounted.substr(mounted.rfind('/'));
+  if (kxhost::copyPath(inChroot, pathInChroot, size) == 0) return 0;
   kxhost::releaseMount(mounted);
   return 1;
 }
 
 int chrootUmountIso(const char* chrootPath, const char* pathInChroot) {
   if (chrootPath == nullptr || pathInChroot == nullptr || *pathInChroot == '\0') return 1;
-  return kxhost::releaseMount(std::string(chrootPath) + pathInChroot) ? 0 : 1;
+  return kxhost::releaseMount(kxhost::resolved(std::string(chrootPath) + pathInChroot)) ? 0 : 1;
 }
 
 int parseMountedFolder_v2(const char* mountPoint, char* folder, int size) {

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <filesystem>
+#include <optional>
 
 #include "KxMediainfo.h"
 #include "frame/Log.h"
@@ -7,7 +9,14 @@
 static constexpr const char* kLogSource = "KxMediainfo";
 
 namespace {
-constexpr const char* kStreamFolder = "STREAM";
+
+// Name of the folder of the streams, in the disc's letter case.
+std::optional<std::string> findStreamFolder(const std::string& folder) {
+  std::error_code error;
+  auto name = kxprobe::findEntry(folder, "STREAM");
+  return name && std::filesystem::is_directory(folder + *name, error) ? name : std::nullopt;
+}
+
 }  // namespace
 
 int KxBd::init(std::string path) {
@@ -28,7 +37,7 @@ int KxBd::init(std::string path) {
     return 1;
   }
   for (const std::string& entry : *entries) KX_LOG("checking %s ...\n", entry.c_str());
-  const auto streamFolder = kxprobe::findEntry(folder, kStreamFolder);
+  const auto streamFolder = findStreamFolder(folder);
   if (!streamFolder) {
     KX_LOG("incorrect BD format\n");
     return 1;

@@ -62,7 +62,7 @@ std::optional<int64_t> statedSetSize(const std::string& table) {
   return sectors * kSectorSize;
 }
 
-std::optional<int64_t> statedStreamSize(const std::string& clipInfo) {
+std::optional<int64_t> statedClipSize(const std::string& clipInfo) {
   const StructureHead head(clipInfo);
   if (!head.startsWith("HDMV")) return std::nullopt;
   const int64_t packets = head.number(56);
@@ -122,16 +122,20 @@ std::string dvdFault(const std::string& index) {
   return fault.empty() ? endFault(dvd.getTitleParts()) : fault;
 }
 
-std::string clipInfoOf(const std::string& index, const std::string& stream) {
+std::string clipInfoBelow(const std::string& folder, const std::string& name) {
+  const auto clips = findEntry(folder, "CLIPINF");
+  const auto clip = clips ? findEntry(folder + *clips, name) : std::nullopt;
+  return clip ? folder + *clips + "/" + *clip : "";
+}
+
+// From the clip information, or from its backup when that cannot be read.
+std::optional<int64_t> statedStreamSize(const std::string& index, const std::string& stream) {
   const std::string folder = splitPath(index).folder;
-  const std::string name = splitPath(stream).name;
-  for (const std::string& base : {folder, folder + "BACKUP/"}) {
-    const auto clips = findEntry(base, "CLIPINF");
-    const auto clip =
-        clips ? findEntry(base + *clips, name.substr(0, name.rfind('.')) + ".clpi") : std::nullopt;
-    if (clip) return base + *clips + "/" + *clip;
-  }
-  return "";
+  const std::string clip = stream.substr(0, stream.rfind('.')) + ".clpi";
+  const auto size = statedClipSize(clipInfoBelow(folder, clip));
+  const auto backup = findEntry(folder, "BACKUP");
+  if (size || !backup) return size;
+  return statedClipSize(clipInfoBelow(folder + *backup + "/", clip));
 }
 
 std::string bluRayFault(const std::string& index) {
@@ -142,7 +146,7 @@ std::string bluRayFault(const std::string& index) {
   const auto size = fileSizeWithin(path.folder, path.name);
   if (!size || *size == 0) return "the Blu-ray disc's main stream is empty: " + path.name;
   const std::string fault = sizeFault("the Blu-ray disc's main stream " + path.name, *size,
-                                      statedStreamSize(clipInfoOf(index, stream)));
+                                      statedStreamSize(index, path.name));
   return fault.empty() ? endFault({stream}) : fault;
 }
 

@@ -18,6 +18,7 @@ constexpr int64_t kSectorSize = 2048;
 constexpr uint32_t kFirstDescriptor = 16;
 constexpr uint32_t kDescriptors = 32;  // looked at, at most, in either list
 constexpr uint32_t kUdfAnchor = 256;
+constexpr int64_t kLargestDisc = 256LL << 30;
 
 using Sector = std::array<unsigned char, kSectorSize>;
 
@@ -92,6 +93,7 @@ std::string imageFault(const std::string& path, int64_t toleratedBytes) {
   if (!head.isImage()) return "the file is no disc image: it holds neither ISO 9660 nor UDF";
   if (head.presentBytes <= kUdfAnchor * kSectorSize && !head.isIso9660)
     return "the disc image is cut off: it ends before its volume begins";
+  if (head.statedBytes > kLargestDisc) return "the disc image is damaged: no disc has its size";
   if (head.statedBytes - head.presentBytes <= toleratedBytes) return "";
   return "the disc image is cut off: " + std::to_string(head.statedBytes - head.presentBytes) +
          " bytes are missing";

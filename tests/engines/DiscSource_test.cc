@@ -188,6 +188,49 @@ TEST_F(DiscSource, AFailedMountForTheAddOnFailsAndReleasesTheHostMount) {
   EXPECT_THAT(mountPoints(), testing::IsEmpty());
 }
 
+TEST_F(DiscSource, AReleaseFromTheAddOnThatFailsIsLoggedOnce) {
+  const std::string image = makeImage(makeDvd("disc"));
+  if (image.empty() || !canMount(image)) GTEST_SKIP() << "disc images cannot be mounted here";
+  root.write("/etc/config/kxpkg.conf", "[Ampora]\nInstall_Path=" + media("addon") + "\n");
+  fs::create_directories(media("addon"));
+  std::string onHost;
+  RecordingLog log;
+  {
+    TranscodeParam param = job(image);
+    KxTranscoder transcoder;
+    ASSERT_EQ(transcoder.init(param), 0);
+    const std::vector<std::string> mounts = kxtest::mountsBelow(media("addon"));
+    ASSERT_EQ(mounts.size(), 1U);
+    onHost = mounts.front();
+    ASSERT_TRUE(kxtest::run({"umount", onHost}));
+    fs::remove(onHost);
+    EXPECT_EQ(transcoder.umountIso_(), 1);
+  }
+  const std::string inAddOn = onHost.substr(fs::canonical(media("addon")).string().size());
+  size_t failures = 0;
+  for (const auto& line : log.lines())
+    if (line.func == "umountIso_") ++failures;
+  EXPECT_EQ(failures, 1U);
+  EXPECT_EQ(log.count("chroot " + media("addon") + " umountIso " + inAddOn + " fail\n"), 1U);
+  EXPECT_FALSE(log.has("umount iso fail\n")) << "it was released by hand before";
+  EXPECT_THAT(mountPoints(), testing::IsEmpty());
+}
+
+TEST_F(DiscSource, AnotherInitReleasesTheImageOfTheFirst) {
+  const std::string image = makeImage(makeDvd("disc"));
+  if (image.empty() || !canMount(image)) GTEST_SKIP() << "disc images cannot be mounted here";
+  {
+    TranscodeParam param = job(image);
+    KxTranscoder transcoder;
+    ASSERT_EQ(transcoder.init(param), 0);
+    const std::vector<std::string> first = mountPoints();
+    ASSERT_EQ(transcoder.init(param), 0);
+    EXPECT_EQ(mountPoints().size(), 1U);
+    EXPECT_NE(mountPoints(), first);
+  }
+  EXPECT_THAT(mountPoints(), testing::IsEmpty());
+}
+
 TEST_F(DiscSource, AReleaseThatFailsIsLoggedOnce) {
   const std::string image = makeImage(makeDvd("disc"));
   if (image.empty() || !canMount(image)) GTEST_SKIP() << "disc images cannot be mounted here";

@@ -1,5 +1,6 @@
 #include "host/IsoMount.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "KxHostPlatform.h"
+#include "tests/support/Discs.h"
 #include "tests/support/TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -82,18 +84,38 @@ TEST_P(IsoMount, MountsInsideTheAddOn) {
   EXPECT_TRUE(fs::is_empty(chrootPath + "/mnt/xcode-iso"));
 }
 
+TEST_P(IsoMount, TheAddOnMayBeNamedThroughALink) {
+  const std::string chrootPath = m_dir / "addon";
+  fs::create_directory(m_dir / "where it really is");
+  fs::create_directory_symlink(m_dir / "where it really is", chrootPath);
+  for (const std::string& name : {chrootPath, chrootPath + "/"}) {
+    char path[1024];
+    ASSERT_EQ(chrootMountIso(name.c_str(), iso().c_str(), path, sizeof path), 0);
+    EXPECT_TRUE(std::string(path).starts_with("/mnt/xcode-iso/")) << path;
+    EXPECT_TRUE(fs::exists(chrootPath + path + "/VIDEO_TS/VIDEO_TS.IFO"));
+    EXPECT_EQ(chrootUmountIso(name.c_str(), path), 0);
+    EXPECT_TRUE(fs::is_empty(chrootPath + "/mnt/xcode-iso"));
+    EXPECT_THAT(kxtest::mountsBelow(m_dir.path().string()), testing::IsEmpty());
+  }
+}
+
 TEST_P(IsoMount, ReleasesWhatAKilledProcessLeftMounted) {
   char own[1024];
   ASSERT_EQ(mountIso(iso().c_str(), own, sizeof own), 0);
+  const std::string addOn = m_dir / "addon";
+  fs::create_directory(addOn);
+  m_root.write("/etc/config/kxpkg.conf", "[Ampora]\nInstall_Path=" + addOn + "\n");
   const pid_t child = fork();
   if (child == 0) {
-    char mountPoint[1024];
-    _exit(mountIso(iso().c_str(), mountPoint, sizeof mountPoint));
+    char path[1024];
+    _exit(mountIso(iso().c_str(), path, sizeof path) +
+          chrootMountIso(addOn.c_str(), iso().c_str(), path, sizeof path));
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_EQ(status, 0);
-  EXPECT_EQ(kxhost::releaseStaleIsoMounts(), 1);
+  EXPECT_EQ(kxhost::releaseStaleIsoMounts(), 2);
+  EXPECT_TRUE(fs::is_empty(addOn + "/mnt/xcode-iso"));
   EXPECT_FALSE(fs::is_empty(own));
   EXPECT_EQ(umountIso(own), 0);
   EXPECT_TRUE(nothingMounted());

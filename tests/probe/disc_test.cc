@@ -177,6 +177,28 @@ TEST(KxDvd, EverySetAndTheChoiceAreLogged) {
   for (const auto& line : log.lines()) EXPECT_EQ(line.func, "init");
 }
 
+TEST(KxDvd, AProbeIsLoggedStepByStep) {
+  const DvdStructure disc;
+  disc.add("VTS_01_0.VOB", 50);
+  disc.add("VTS_01_1.VOB", 10);
+  disc.add("VTS_01_x.VOB", 50);
+  disc.add("VTS_02_1.VOB", 7);
+  disc.add("_VTS_03_1.VOB", 50);
+  fs::create_directory(disc.folder() + "VTS_04_1.VOB");
+  RecordingLog log;
+  KxDvd dvd;
+  ASSERT_EQ(dvd.init(disc.index()), 0);
+  const std::string place = ", vobPath=" + disc.folder() + ", vobVTSPrefix=VTS,vobSuffix=.VOB\n";
+  EXPECT_THAT(log.texts(), ElementsAre("path=" + disc.folder() + ", name=VIDEO_TS.IFO\n",
+                                       "strCntNo <= 0, continue\n",
+                                       "can not parse the VTS or cntNo of VTS_01_x.VOB\n",
+                                       "can not stat " + disc.folder() + "VTS_04_1.VOB\n",
+                                       "can not parse file _VTS_03_1.VOB\n",
+                                       "the map key 01, VTS=01, cntNo=1, size=10" + place,
+                                       "the map key 02, VTS=02, cntNo=1, size=7" + place,
+                                       "the biggest VTS=01\n"));
+}
+
 TEST(KxDvd, TheDumpLogsTheChosenSet) {
   const DvdStructure disc;
   disc.add("VTS_07_1.VOB", 10);
@@ -232,6 +254,25 @@ TEST(KxBd, TheLargestStreamIsTheSample) {
   EXPECT_FALSE(log.hasPart("99999"));
 }
 
+TEST(KxBd, AProbeIsLoggedStepByStep) {
+  const BluRayStructure disc;
+  disc.add("00002.m2ts", 9);
+  disc.add("00001.m2ts", 30);
+  disc.add("00003.m2ts.part", 50);
+  RecordingLog log;
+  KxBd bd;
+  ASSERT_EQ(bd.init(disc.index()), 0);
+  const std::string path = ", streamPath=" + disc.streams();
+  EXPECT_THAT(log.texts(), ElementsAre("path=" + disc.folder() + ", name=index.bdmv\n",
+                                       "checking STREAM ...\n", "checking index.bdmv ...\n",
+                                       "the map key 00001.m2ts" + path +
+                                           ", streamName=00001.m2ts, streamIdx=00001, size=30\n",
+                                       "the map key 00002.m2ts" + path +
+                                           ", streamName=00002.m2ts, streamIdx=00002, size=9\n",
+                                       "the biggest stream is=00001.m2ts\n"));
+  for (const auto& line : log.lines()) EXPECT_EQ(line.func, "init");
+}
+
 TEST(KxBd, AnIndexInAnotherLetterCaseIsAccepted) {
   const BluRayStructure disc;
   disc.add("00000.m2ts", 10);
@@ -272,9 +313,20 @@ TEST(KxBd, WithoutAStreamFolderTheFormatIsIncorrect) {
   EXPECT_TRUE(log.has("incorrect BD format\n"));
 }
 
-TEST(KxBd, AStreamFolderThatIsAFileCannotBeOpened) {
+TEST(KxBd, AFileIsNoStreamFolder) {
   const BluRayStructure disc("OTHER");
   writeFile(disc.folder() + "STREAM", "x");
+  RecordingLog log;
+  KxBd bd;
+  EXPECT_EQ(bd.init(disc.index()), 1);
+  EXPECT_TRUE(log.has("incorrect BD format\n"));
+}
+
+TEST(KxBd, AStreamFolderOfAnotherPlaceIsNotOpened) {
+  const BluRayStructure other;
+  other.add("00000.m2ts", 10);
+  const BluRayStructure disc("OTHER");
+  fs::create_directory_symlink(other.streams(), disc.folder() + "STREAM");
   RecordingLog log;
   KxBd bd;
   EXPECT_EQ(bd.init(disc.index()), 1);
