@@ -20,6 +20,7 @@ extern "C" {
 #include "KxHostPlatform.h"
 #include "Misc.h"
 #include "host/ProgramRun.h"
+#include "probe/CodecNumbers.h"
 
 namespace {
 
@@ -120,9 +121,7 @@ int MyUtil_hasAACSupport(void) {
 }
 
 int getFFmpegCodecName(int codecId, char* buf, int size) {
-  // Video numbers of the library are one above those of the linked libavcodec.
-  const bool shifted = codecId > 3 && codecId <= 0x10000;
-  const auto nativeId = static_cast<AVCodecID>(shifted ? codecId - 1 : codecId);
+  const auto nativeId = static_cast<AVCodecID>(kxprobe::toNativeCodecId(codecId));
   const AVCodecDescriptor* codec = codecId > 0 ? avcodec_descriptor_get(nativeId) : nullptr;
   const std::string name = codec != nullptr ? codec->name : "";
   const int failed = copyText(name.size() <= 9 ? name : "", buf, size);

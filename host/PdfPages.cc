@@ -26,6 +26,7 @@ struct Fault {
 int resultOf(qpdf_error_code_e code) {
   switch (code) {
   case qpdf_e_password:
+  case qpdf_e_unsupported:  // a kind of encryption that no password opens
     return KX_PDF_ENCRYPTED;
   case qpdf_e_damaged_pdf:
   case qpdf_e_pages:

@@ -59,6 +59,16 @@ std::string scratchBeside(const std::string& pagePath) {
   return pagePath.substr(0, pagePath.size() - album.size()) + ".gstmp." + unique;
 }
 
+// Why a file cannot be read at all; empty when it can.
+std::string faultOfFile(const std::string& path) {
+  const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat info;
+  if (!file || fstat(file.get(), &info) != 0)
+    return std::string("the source cannot be read: ") + strerror(errno);
+  if (!S_ISREG(info.st_mode)) return "the source is no file";
+  return info.st_size == 0 ? "the source is empty" : "";
+}
+
 const char* faultOfCount(int pages) {
   switch (pages) {
   case KX_PDF_ENCRYPTED:
@@ -66,7 +76,7 @@ const char* faultOfCount(int pages) {
   case KX_PDF_DAMAGED:
     return "the file is no PDF or is damaged beyond repair";
   default:
-    return "the PDF has no pages that can be counted";
+    return "the PDF has no pages";
   }
 }
 
@@ -120,7 +130,8 @@ bool PdfJob::countPages() {
   KX_RUNNER_LOG("%s%s total pages: %d\n", source.folder.c_str(), source.name.c_str(), m_pageCount);
   if (m_pageCount > 0) return true;
   KX_RUNNER_LOG("%s%s total pages <= 0\n", source.folder.c_str(), source.name.c_str());
-  return m_run.fail(faultOfCount(m_pageCount));
+  const std::string fault = faultOfFile(source.path());
+  return m_run.fail(fault.empty() ? faultOfCount(m_pageCount) : fault);
 }
 
 bool PdfJob::renderOnCpu() {

@@ -105,6 +105,7 @@ TEST(MediaService, NamesCodecsInTheNumberingOfTheLibrary) {
   EXPECT_EQ(codecName(174), "hevc");
   EXPECT_EQ(codecName(86017), "mp3");
   EXPECT_EQ(codecName(86018), "aac");
+  EXPECT_EQ(codecName(65536), "pcm_s16le");  // the first of the audio numbers
 }
 
 TEST(MediaService, FailsForUnknownCodecsAndNamesThatDoNotFit) {

@@ -38,6 +38,29 @@ TEST(PdfPages, TellsWhatIsNoDocumentAndNotesWhy) {
   EXPECT_TRUE(log.hasPart("can not count the pages of " + (dir / "absent.pdf")));
 }
 
+TEST(PdfPages, ADocumentWithoutPagesHasNone) {
+  const TempDir dir;
+  writeFile(dir / "doc.pdf", emptyPdf(0));
+  EXPECT_EQ(kxPdfGetPageNumber(dir / "doc.pdf"), 0);
+}
+
+TEST(PdfPages, EveryKindOfEncryptionIsToldFromDamage) {
+  const TempDir dir;
+  const std::string plain = emptyPdf(2);
+  const std::string id =
+      " /ID [<00112233445566778899aabbccddeeff><00112233445566778899aabbccddeeff>]";
+  const std::string keys(64, '0');
+  for (const std::string& encryption :
+       {std::string("/Filter /Adobe.PubSec /SubFilter /adbe.pkcs7.s5 /V 4"),
+        "/Filter /Standard /V 9 /R 9 /P -4 /O <" + keys + "> /U <" + keys + ">",
+        "/Filter /Standard /V 1 /R 2 /P -4 /O <" + keys + "> /U <" + keys + ">"}) {
+    std::string text = plain;
+    text.insert(text.find("/Root"), "/Encrypt << " + encryption + " >>" + id + " ");
+    writeFile(dir / "doc.pdf", text);
+    EXPECT_EQ(kxPdfGetPageNumber(dir / "doc.pdf"), KX_PDF_ENCRYPTED) << encryption;
+  }
+}
+
 TEST(PdfPages, GivesPagesOrAReasonForEveryRealDocument) {
   const auto media = kxtest::mediaDir();
   if (!media) GTEST_SKIP() << "no real media";

@@ -137,6 +137,38 @@ TEST_F(PdfJob, AFileWithoutPagesFailsAndLeavesNoFolder) {
   EXPECT_FALSE(fs::exists(world.media("broken.pdf.album")));
 }
 
+TEST_F(PdfJob, WhatHoldsNoPageFailsWithTheReason) {
+  setRenderer(kWritePage);
+  writeFile(world.media("empty.pdf"), "");
+  fs::create_directory(world.media("folder.pdf"));
+  makePdf("none.pdf", 0);
+  const std::pair<const char*, const char*> reasons[] = {{"empty.pdf", "the source is empty"},
+                                                         {"folder.pdf", "the source is no file"},
+                                                         {"none.pdf", "the PDF has no pages"}};
+  for (const auto& [name, reason] : reasons) {
+    const KxDBTaskParam row = world.run(world.media(name), PROFILE_240P);
+    EXPECT_EQ(row.status, JOB_ERROR);
+    EXPECT_EQ(world.reason(row.id), reason);
+    EXPECT_TRUE(log.has(world.media(name) + " total pages <= 0\n"));
+    EXPECT_FALSE(fs::exists(world.media(std::string(name) + ".album")));
+  }
+  const KxDBTaskParam job = world.addJob(makePdf("gone.pdf", 1), PROFILE_240P);
+  fs::remove(world.media("gone.pdf"));
+  EXPECT_EQ(world.runAgain(job).status, JOB_ERROR);
+  EXPECT_EQ(world.reason(job.id), "the source cannot be read: No such file or directory");
+}
+
+TEST_F(PdfJob, ADocumentThatAnyoneMayOpenIsRendered) {
+  if (!useInstalledRenderer()) GTEST_SKIP() << "no renderer is installed";
+  const std::string source = world.media("locked.pdf");
+  ASSERT_TRUE(run({"gs", "-q", "-sDEVICE=pdfwrite", "-sOwnerPassword=own", "-dEncryptionR=3",
+                   "-dKeyLength=128", "-o", source, makePdf("open.pdf", 12)}));
+  const KxDBTaskParam row = world.run(source, PROFILE_240P);
+  EXPECT_EQ(row.status, JOB_DONE) << world.reason(row.id);
+  for (const char* page : {"locked-1.jpg", "locked-9.jpg", "locked-10.jpg", "locked-12.jpg"})
+    EXPECT_TRUE(fs::exists(source + ".album/" + page)) << page;
+}
+
 TEST_F(PdfJob, AFailedRendererFailsTheJobAndNoPageIsMadeKnown) {
   setRenderer(kWritePage, "echo out of ink >&2; exit 1\n");
   const std::string source = makePdf("paper.pdf", 2);
