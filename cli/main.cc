@@ -65,7 +65,8 @@ void addJobCommands(CLI::App& app, Program& p) {
   add->add_option("--subtitle-track", p.add.subtitleTrack, "Embedded subtitle to burn in, from 0");
   add->add_option("--subtitle-size", p.add.subtitleSize, "Size of the subtitle's text");
   add->add_option("--subtitle-shift", p.add.subtitleShift, "Time shift of the subtitle, seconds");
-  add->add_option("--subtitle-color", p.add.subtitleColor, "Colour of the subtitle's text");
+  add->add_option("--subtitle-color", p.add.subtitleColor,
+                  "Colour of the subtitle's text: a name such as yellow, or #rrggbb");
   add->add_option("--priority", p.add.priority, "Lower runs first");
   add->add_flag("--wait", p.add.wait, "Wait for the jobs, as 'wait' does");
 

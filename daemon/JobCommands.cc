@@ -15,6 +15,7 @@
 #include "daemon/AccessRule.h"
 #include "daemon/FolderWatch.h"
 #include "daemon/LibraryLocks.h"
+#include "engines/SubtitleFilter.h"
 
 namespace xcoded {
 namespace {
@@ -89,17 +90,17 @@ std::string askedSubtitle(RequestJson& json) {
   if (!json.has("subtitle") || json.text("subtitle", PATH_MAX - 1, "").empty()) return "";
   std::string path = json.path("subtitle");
   struct stat info {};
-  if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
-    throw RequestError("the subtitle is not a readable file");
+  if (lstat(path.c_str(), &info) != 0)
+    throw RequestError("the subtitle cannot be read: " + std::string(strerror(errno)));
+  if (S_ISLNK(info.st_mode)) throw RequestError("the subtitle is a link: name the file itself");
+  if (!S_ISREG(info.st_mode)) throw RequestError("the subtitle is no file");
   return path;
 }
 
 std::string askedColour(RequestJson& json) {
   std::string colour = json.text("subColor", 32, "");
-  const bool isPlain = std::all_of(colour.begin(), colour.end(), [](unsigned char c) {
-    return isalnum(c) != 0 || c == '#' || c == '&';
-  });
-  if (!isPlain) throw RequestError("\"subColor\" is not a plain colour");
+  if (!colour.empty() && !engines::isSubtitleColour(colour))
+    throw RequestError("\"subColor\" is no colour: a name such as yellow, or #rrggbb");
   return colour;
 }
 

@@ -20,6 +20,12 @@ bool isPlainFolder(const std::string& path) {
   return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+// What a link leads to was not extracted here.
+bool isPlainFile(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
 // Users can write beside their media: a link in place of a hidden folder would let them
 // choose where the service writes.
 bool makeHiddenFolders(const std::string& subtitle) {
@@ -70,12 +76,12 @@ std::string extractedSubtitlePath(const std::string& video, int subtitleId) {
 int prepareSubtitle(TranscodeParam& param, const Extraction& how) {
   if (param.m_sid < 0) return 0;
   const std::string subtitle = extractedSubtitlePath(param.m_inFile, param.m_sid);
-  if (exists(subtitle)) {
+  if (isPlainFile(subtitle)) {
     KX_LOG_AS(kFunction, "intra subtitle %s exist\n", subtitle.c_str());
   } else if (extract(param, subtitle, how) != 0) {
     return 1;
   }
-  if (param.m_subtitle.empty() && exists(subtitle)) param.m_subtitle = subtitle;
+  if (param.m_subtitle.empty() && isPlainFile(subtitle)) param.m_subtitle = subtitle;
   return 0;
 }
 

@@ -61,7 +61,7 @@ bool AudioJob::run(const TransConfigEntry& config) {
   };
   const int track = m_run.job().aid;
   if (m_source.info.getAudioTrack(track).m_isEmpty)
-    return refuse("the source has no audio track " + std::to_string(track));
+    return refuse(missingTrack("audio", track, m_source.info.getAudioTrackCount()));
   m_expected.audioTrack = track;
   const std::string& base = m_run.source().folder;
   const OutputFolder folder = OutputFolder::make(base, kAudioFolder);

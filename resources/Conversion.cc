@@ -21,6 +21,13 @@ Cleanup::~Cleanup() {
   if (!path.empty()) myremove(path.c_str());
 }
 
+std::string missingTrack(const char* kind, int track, int count) {
+  const std::string none = std::string("the source has no ") + kind;
+  if (count <= 0) return none;
+  return none + " track " + std::to_string(track) + ", its last one is " +
+         std::to_string(count - 1);
+}
+
 // The time stamps of a DVD's title begin anew where its scenes were joined. An encoder that
 // takes a jump of some seconds for a pause adds that pause to the result.
 std::vector<std::string> sourceArguments(const KxMediaInfo& info) {

@@ -49,6 +49,9 @@ class Cleanup {
   std::function<std::string()> m_path;
 };
 
+// Why a source has no track of a number, for people. @param kind "video" or "audio"
+std::string missingTrack(const char* kind, int track, int count);
+
 // Arguments that a source's kind asks of every encoder that reads it.
 std::vector<std::string> sourceArguments(const KxMediaInfo& info);
 

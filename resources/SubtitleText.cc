@@ -108,6 +108,43 @@ bool isPlaylist(const std::string& text) {
   return text.starts_with("#EXTM3U") || text.starts_with("ffconcat") || text.starts_with("file ");
 }
 
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+// True when ":mm:ss" of a time stands there, without a fraction behind it.
+bool endsBareTime(std::string_view line, size_t at) {
+  if (at == 0 || at + 6 > line.size() || !isDigit(line[at - 1])) return false;
+  for (size_t i = 0; i < 6; ++i)
+    if (i % 3 == 0 ? line[at + i] != ':' : !isDigit(line[at + i])) return false;
+  const char next = at + 6 < line.size() ? line[at + 6] : ' ';
+  return !isDigit(next) && std::string_view(",.:").find(next) == std::string_view::npos;
+}
+
+std::string completed(std::string_view line) {
+  if (line.find("-->") == std::string_view::npos) return std::string(line);
+  std::string result;
+  for (size_t i = 0; i < line.size(); ++i) {
+    result += line[i];
+    if (i >= 5 && endsBareTime(line, i - 5)) result += ",000";
+  }
+  return result;
+}
+
+// Some programs write whole seconds only, which the renderer does not take for times.
+std::string withFractions(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    const size_t end = std::min(text.find_first_of("\r\n"), text.size() - 1) + 1;
+    const bool isEnded = text[end - 1] == '\r' || text[end - 1] == '\n';
+    const std::string_view line = text.substr(0, isEnded ? end - 1 : end);
+    result += completed(line);
+    if (isEnded) result += text[end - 1];
+    text.remove_prefix(end);
+  }
+  return result;
+}
+
 }  // namespace
 
 std::string encodingOf(const std::string& bytes) {
@@ -135,7 +172,9 @@ SubtitleText readSubtitle(const std::string& path) {
     text.fault = "the subtitle's encoding is unknown";
     return text;
   }
-  text.utf8 = utf8->starts_with(kUtf8Mark) ? utf8->substr(kUtf8Mark.size()) : *utf8;
+  const std::string plain = utf8->starts_with(kUtf8Mark) ? utf8->substr(kUtf8Mark.size()) : *utf8;
+  text.utf8 = withFractions(plain);
+  text.isChanged = text.encoding != kUtf8 || text.utf8 != plain;
   if (isPlaylist(text.utf8)) text.fault = "the subtitle is a playlist";
   return text;
 }

@@ -9,9 +9,10 @@ namespace runner {
 inline constexpr const char* kUtf8 = "UTF-8";
 
 struct SubtitleText {
-  std::string fault;     // why there is no text; empty when there is
-  std::string encoding;  // of the file, as iconv(3) names it
-  std::string utf8;      // without byte order mark
+  std::string fault;       // why there is no text; empty when there is
+  std::string encoding;    // of the file, as iconv(3) names it
+  std::string utf8;        // without byte order mark, every time with its fraction
+  bool isChanged = false;  // the renderer would not read the file itself
 };
 
 // Encoding of a text: UTF-8 and UTF-16 with or without a mark, GBK and its successor where

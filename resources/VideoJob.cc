@@ -1,12 +1,14 @@
 #include "resources/VideoJob.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "KxHostPlatform.h"
 #include "Misc.h"
+#include "engines/ExtractedSubtitle.h"
 #include "probe/DiscCheck.h"
 #include "probe/DiscImage.h"
 #include "resources/AudioJob.h"
@@ -35,6 +37,8 @@ bool isFolder(const std::string& path) {
 }
 
 std::string unreadableSource(const std::string& path) {
+  if (kxprobe::readImageHead(path).isImage())
+    return "the source is a disc image, whose name has to end in .iso";
   const std::string fault = isFolder(path) ? kxprobe::discFault(path) : "";
   return fault.empty() ? "the source is not a media file that can be read" : fault;
 }
@@ -47,6 +51,20 @@ std::string discFault(const std::string& path, const std::string& opened) {
   const std::string cause = fault.empty() ? "" : kxprobe::imageFault(path);
   if (cause.empty()) return fault;
   return isMounted ? cause + ": " + fault : cause;
+}
+
+bool isLater(const timespec& a, const timespec& b) {
+  return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
+}
+
+// What an earlier run extracted serves again, but not for another version of the source. Nor
+// does what somebody else put there, where users may write.
+void dropUselessExtraction(const std::string& source, int track) {
+  const std::string extracted = engines::extractedSubtitlePath(source, track);
+  struct stat from;
+  struct stat made;
+  if (stat(source.c_str(), &from) != 0 || lstat(extracted.c_str(), &made) != 0) return;
+  if (isLater(from.st_ctim, made.st_mtim) || !isSubtitle(extracted)) unlink(extracted.c_str());
 }
 
 }  // namespace
@@ -95,10 +113,17 @@ bool VideoJob::probe() {
   m_source.facts.titleFiles = m_disc.titleFiles();
   const std::string fault = sourceFault(m_source.facts);
   if (!fault.empty()) return m_run.fail(fault);
+  return chooseTracks();
+}
+
+// A source without sound gives silent videos, but a track that is asked for has to be there.
+bool VideoJob::chooseTracks() {
   const KxDBTaskParam& job = m_run.job();
   m_expected.videoTrack = job.vid;
-  m_expected.audioTrack = m_source.info.getAudioTrack(job.aid).m_isEmpty ? -1 : job.aid;
-  return true;
+  const bool isThere = !m_source.info.getAudioTrack(job.aid).m_isEmpty;
+  m_expected.audioTrack = isThere ? job.aid : -1;
+  const int count = m_source.info.getAudioTrackCount();
+  return isThere || count == 0 || m_run.fail(missingTrack("audio", job.aid, count));
 }
 
 bool VideoJob::openDisc() {
@@ -119,6 +144,11 @@ bool VideoJob::openDisc() {
 
 bool VideoJob::chooseSubtitle() {
   const KxDBTaskParam& job = m_run.job();
+  if (job.sid >= 0) {
+    if (m_source.facts.isDisc)
+      return m_run.fail("the subtitles of a disc are stored as pictures and hold no text");
+    dropUselessExtraction(job.src, job.sid);
+  }
   m_subtitle = job.subtitle;
   if (!m_subtitle.empty()) {
     if (!isRegularFile(m_subtitle)) return m_run.fail("the subtitle is no file: " + m_subtitle);
@@ -130,12 +160,12 @@ bool VideoJob::chooseSubtitle() {
   return m_subtitle.empty() || convertSubtitle();
 }
 
-// The renderer only understands UTF-8.
+// The renderer only understands UTF-8, and times with fractions.
 bool VideoJob::convertSubtitle() {
   const SubtitleText text = readSubtitle(m_subtitle);
   if (!text.fault.empty()) return m_run.fail(text.fault + ": " + m_subtitle);
   const std::string original = m_subtitle;
-  if (text.encoding != kUtf8) {
+  if (text.isChanged) {
     m_subtitleText.emplace(m_temp, ".srt");
     m_subtitle = m_subtitleText->path();
     if (!writeText(m_subtitle, text.utf8))

@@ -20,6 +20,7 @@ class VideoJob {
   bool openFolders();
   bool probe();
   bool openDisc();
+  bool chooseTracks();
   bool chooseSubtitle();
   bool convertSubtitle();
   bool convertSelected();

@@ -97,7 +97,7 @@ VideoProfile::VideoProfile(const VideoContext& video, const TransConfigEntry& co
 std::string VideoProfile::obstacle() const {
   const int track = m_video.run.job().vid;
   if (m_video.source.info.getVideoTrack(track).m_isEmpty)
-    return "the source has no video track " + std::to_string(track);
+    return missingTrack("video", track, m_video.source.info.getVideoTrackCount());
   return m_placement.obstacle();
 }
 

@@ -33,26 +33,36 @@ part=$out.part.$$
 log=$out.log.$$
 child=
 cleanup() {
-  rm -f -- "$part" "$log"
+  rm -f -- "$part"
 }
 stop() {
   [ -n "$child" ] && kill "$child" 2>/dev/null && wait "$child" 2>/dev/null
   exit 143
 }
+
+# Others may write in this folder: both files have to be new, and are only written and read
+# through their descriptors, so that no link in their place leads elsewhere.
+set -C
+{ command exec 3>"$part"; } 2>/dev/null || fail "cannot write $5"
 trap cleanup EXIT
 trap stop TERM INT HUP
+{ command exec 4>"$log"; } 2>/dev/null || fail "cannot write $5"
+rm -f -- "$log"
+said=/proc/self/fd/4
 
-"$(dirname -- "$0")/ffmpeg" -v error -y -i "$source" -map "0:s:$track" -c:s srt -f srt "$part" \
-  2>"$log" &
+"$(dirname -- "$0")/ffmpeg" -v error -i "$source" -map "0:s:$track" -c:s srt -f srt - \
+  >&3 2>&4 3>&- 4>&- &
 child=$!
 wait "$child"
 status=$?
 child=
 
 if [ "$status" -ne 0 ]; then
-  grep -q 'only possible from text to text' "$log" &&
+  grep -q 'only possible from text to text' <$said &&
     fail "subtitle track $track of $2 is stored as pictures and holds no text"
-  grep -q 'matches no streams' "$log" && fail "$2 has no subtitle track $track"
-  fail "$(tail -n 1 -- "$log")"
+  grep -q 'matches no streams' <$said && fail "$2 has no subtitle track $track"
+  grep -q 'Decoder .* not found' <$said &&
+    fail "subtitle track $track of $2 is of a kind that cannot be read"
+  fail "$(tail -n 1 <$said)"
 fi
-mv -f -- "$part" "$out" || fail "cannot write $5"
+mv -fT -- "$part" "$out" || fail "cannot write $5"

@@ -152,6 +152,8 @@ TEST_F(JobCommandsTest, ASourceWhoseNameIsNotUtf8GoesIntoBlockOne) {
 TEST_F(JobCommandsTest, BadAddsNeverTouchTheQueue) {
   const std::string src = m_dir / "a.mp4";
   mkfifo((m_dir / "fifo").c_str(), 0600);
+  kxtest::writeFile(m_dir / "real.srt", "x");
+  std::filesystem::create_symlink("real.srt", m_dir / "link.srt");
   const std::vector<json> requests = {
       json::object(),
       {{"src", src}},
@@ -165,7 +167,9 @@ TEST_F(JobCommandsTest, BadAddsNeverTouchTheQueue) {
       {{"src", src}, {"jobFlag", 1}, {"priority", 100000}},
       {{"src", src}, {"jobFlag", 1}, {"subtitle", "/no/such.srt"}},
       {{"src", src}, {"jobFlag", 1}, {"subtitle", m_dir.path().string()}},
+      {{"src", src}, {"jobFlag", 1}, {"subtitle", m_dir / "link.srt"}},
       {{"src", src}, {"jobFlag", 1}, {"subColor", "red'; x"}},
+      {{"src", src}, {"jobFlag", 1}, {"subColor", "reddish"}},
       {{"src", src}, {"jobFlag", 1}, {"dst", "relative"}},
       {{"src", src}, {"jobFlag", 1}, {"status", 3}},
       {{"src", 5}, {"jobFlag", 1}},

@@ -196,8 +196,24 @@ TEST(CorrectedFilter, StylesTheSubtitleAsAsked) {
   EXPECT_EQ(source.chain(),
             "subtitles=filename=/s.srt:force_style=Fontsize=30\\,PrimaryColour=&H0080ff&,"
             "format=yuv420p");
-  source.param.m_subColor = "red";  // no known colour: the renderer's own
+  const std::pair<const char*, const char*> colours[] = {{"red", "&H0000ff&"},
+                                                         {"Yellow", "&H00ffff&"},
+                                                         {"&H102030", "&H102030&"},
+                                                         {"&H80102030&", "&H80102030&"}};
+  for (const auto& [asked, style] : colours) {
+    source.param.m_subColor = asked;
+    EXPECT_THAT(source.chain(), testing::HasSubstr(std::string("PrimaryColour=") + style));
+  }
+  source.param.m_subColor = "#12345";  // no colour: the renderer's own
   EXPECT_EQ(source.chain(), "subtitles=filename=/s.srt:force_style=Fontsize=30,format=yuv420p");
+}
+
+TEST(SubtitleFilter, KnowsWhatIsAColour) {
+  for (const char* colour : {"#a0B1c2", "white", "NAVY", "&H00ff00", "&HFFFFFF&", "&H00ffffff"})
+    EXPECT_TRUE(engines::isSubtitleColour(colour)) << colour;
+  for (const char* other : {"", "#", "#12345", "#1234567", "#12345g", "reddish", "ff0000", "&H",
+                            "&H&", "&H12345", "&H1234567&", "&&H123456"})
+    EXPECT_FALSE(engines::isSubtitleColour(other)) << other;
 }
 
 TEST(CorrectedFilter, AsksForAFastStartOfMp4) {

@@ -218,6 +218,39 @@ TEST_F(TranscoderSetup, AnExtractedSubtitleIsUsedAgain) {
   EXPECT_EQ(transcoder.getParam().m_subtitle, subtitle);
 }
 
+TEST_F(TranscoderSetup, ALinkIsNoExtractedSubtitle) {
+  root.script("/usr/local/medialibrary/bin/subpull", "echo text > \"$5\"\n");
+  const std::string subtitle = engines::extractedSubtitlePath(media("clip.mp4"), 0);
+  fs::create_directories(fs::path(subtitle).parent_path());
+  writeFile(media("secret"), "of somebody else");
+  fs::create_symlink(media("secret"), subtitle);
+  TranscodeParam param = clipJob();
+  param.m_sid = 0;
+  KxTranscoder transcoder;
+  ASSERT_EQ(transcoder.init(param), 0);
+  EXPECT_EQ(transcoder.getParam().m_subtitle, subtitle);
+  EXPECT_EQ(readFile(subtitle), "text\n");
+  EXPECT_EQ(readFile(media("secret")), "of somebody else");
+}
+
+TEST_F(TranscoderSetup, EveryStepIsLoggedInItsOrder) {
+  TranscodeParam param = clipJob();
+  param.m_profile = "mobile480p.xml";
+  param.m_sid = 0;
+  RecordingLog log;
+  KxTranscoder transcoder;
+  ASSERT_EQ(transcoder.init(param), 0);
+  std::vector<std::string> steps;
+  for (const auto& line : log.lines())
+    if (line.source == "KxTranscoder" && line.func == "init") steps.push_back(line.text);
+  EXPECT_THAT(steps, ElementsAre("pipeout=false, outFile.empty()=false\n",
+                                 "set transcode config as 480p\n", "set faststart = true for mp4\n",
+                                 "intra subtitle " + media(".@__thumb/.genSub/clip.mp4.si0.srt") +
+                                     " do not exist, try to generate it\n",
+                                 root.file("/usr/local/medialibrary/bin/subpull") +
+                                     " do not exist, can not generate intra subtitle\n"));
+}
+
 TEST_F(TranscoderSetup, AMissingExtractorIsLogged) {
   TranscodeParam param = clipJob();
   param.m_sid = 0;

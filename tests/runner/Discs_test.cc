@@ -176,6 +176,33 @@ TEST_F(Discs, TheSoundOfADiscIsExtractedFromItsMainTitle) {
   expectNothingLeft();
 }
 
+TEST_F(Discs, SubtitlesOfADiscAreRefusedWithTheReason) {
+  const DvdFolder dvd = makeDvd("Film");
+  const KxDBTaskParam row =
+      world.run(dvd.top(), PROFILE_240P, [](KxDBTaskParam& job) { job.sid = 0; });
+  EXPECT_EQ(row.status, JOB_ERROR);
+  EXPECT_EQ(world.reason(row.id),
+            "the subtitles of a disc are stored as pictures and hold no text");
+  expectNothingLeft();
+}
+
+TEST_F(Discs, ASubtitleFileIsDrawnOnADisc) {
+  const DvdFolder dvd = makeDvd("Film");
+  writeFile(world.media("Film.srt"), "1\n00:00:00,000 --> 00:00:09,000\nHELLO\n\n");
+  const auto size = [&](const std::function<void(KxDBTaskParam&)>& change) {
+    fs::remove_all(world.media("@Transcode"));
+    const KxDBTaskParam row = world.run(dvd.top(), PROFILE_240P, change);
+    expectDvdTitle(row);
+    return fs::file_size(kxJobOutputs(row)[0].path);
+  };
+  const auto plain = size({});
+  EXPECT_GT(size([this](KxDBTaskParam& job) {
+              job.subtitle = world.media("Film.srt");
+              job.subSize = 60;
+            }),
+            plain);
+}
+
 TEST_F(Discs, SeveralProfilesOfADiscAreMadeAndFoundAgain) {
   world.configure("FANOUT=1\n");
   const DvdFolder dvd = makeDvd("Film");
@@ -281,6 +308,12 @@ const std::vector<Damage<DvdFolder>> kDvdDamages = {
        fs::remove(dvd.file("VTS_02_0.IFO"));
      },
      "the DVD's main title (title set 02) is cut off: "},
+    {"LastPartMissingAndTableDamaged",
+     [](const DvdFolder& dvd) {
+       fs::remove(dvd.part(2, 2));
+       fillWithNoise(dvd.file("VTS_02_0.IFO"));
+     },
+     "the DVD's main title (title set 02) is cut off: "},
     {"PartCutOff", [](const DvdFolder& dvd) { cutInHalf(dvd.part(2, 2)); },
      "the DVD's main title (title set 02) is cut off: "},
     {"EmptyParts",
@@ -318,6 +351,12 @@ const std::vector<Damage<BluRayFolder>> kBluRayDamages = {
        fs::remove_all(disc.file("CLIPINF"));
      },
      "the Blu-ray disc's main stream 00007.m2ts is cut off: "},
+    {"CutOffWithDamagedClip",
+     [](const BluRayFolder& disc) {
+       cutInHalf(disc.stream("00007"));
+       fillWithNoise(disc.file("CLIPINF/00007.clpi"));
+     },
+     "the Blu-ray disc's main stream 00007.m2ts is cut off: "},
     {"Noise", [](const BluRayFolder& disc) { fillWithNoise(disc.stream("00007")); },
      "the source is not a media file that can be read"},
 };
@@ -341,6 +380,16 @@ TEST_P(DamagedBluRays, FailWithTheReason) {
   EXPECT_THAT(reasonOfFailure(disc.top()), HasSubstr(GetParam().reason));
 }
 
+TEST_F(Discs, DamagedTablesOfAWholeDiscDoNoHarm) {
+  const DvdFolder dvd = makeDvd("Film");
+  for (const char* name : {"VIDEO_TS.IFO", "VIDEO_TS.BUP", "VTS_01_0.IFO", "VTS_02_0.IFO"})
+    fillWithNoise(dvd.file(name));
+  expectDvdTitle(world.run(dvd.top(), PROFILE_240P));
+  const BluRayFolder disc = makeBluRay("Blue");
+  for (const char* name : {"index.bdmv", "CLIPINF/00007.clpi"}) fillWithNoise(disc.file(name));
+  expectMainTitle(world.run(disc.top(), PROFILE_240P), 3);
+}
+
 TEST_F(Discs, WithoutAnyTableADvdIsTakenAsItIs) {
   const DvdFolder dvd = makeDvd("Film");
   for (const char* name : {"VTS_02_0.IFO", "VTS_02_0.BUP"}) fs::remove(dvd.file(name));
@@ -359,6 +408,23 @@ TEST_F(Discs, FilesThatAreNoImagesFailWithTheReason) {
   makeClip(world.media("clip.mp4"), 320, 240, 0.4);
   fs::rename(world.media("clip.mp4"), image);
   EXPECT_EQ(reasonOfFailure(image), reason);
+}
+
+TEST_F(Discs, AnImageOfAnImpossibleSizeIsDamaged) {
+  const std::string image = imageOf(makeDvd("Film").top(), Image::Plain);
+  if (image.empty()) GTEST_SKIP() << "no program to make disc images";
+  std::string bytes = readFile(image);
+  bytes.replace(16 * 2048 + 80, 4, "\xff\xff\xff\xff");
+  writeFile(image, bytes);
+  EXPECT_EQ(reasonOfFailure(image), "the disc image is damaged: no disc has its size");
+}
+
+TEST_F(Discs, AnImageOfAnotherNameIsToldWhatItNeeds) {
+  const std::string image = imageOf(makeDvd("Film").top(), Image::Udf);
+  if (image.empty()) GTEST_SKIP() << "no program to make disc images";
+  fs::rename(image, world.media("film.img"));
+  EXPECT_EQ(reasonOfFailure(world.media("film.img")),
+            "the source is a disc image, whose name has to end in .iso");
 }
 
 TEST_F(Discs, AnEmptyImageFailsWithTheReason) {

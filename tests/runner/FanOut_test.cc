@@ -197,6 +197,6 @@ TEST_F(FanOut, ASourceWithoutPicturesFailsAsEver) {
   const std::string sound = clip("sound.mp4", {"-vn"});
   const KxDBTaskParam row = world.run(sound, PROFILE_240P | PROFILE_360P);
   EXPECT_EQ(row.status, JOB_ERROR);
-  EXPECT_THAT(world.reason(row.id), HasSubstr("no video track"));
+  EXPECT_THAT(world.reason(row.id), HasSubstr("the source has no video"));
   EXPECT_THAT(encoders(), IsEmpty());
 }

@@ -316,14 +316,24 @@ TEST_F(JobRunner, ASilentVideoGivesASilentResultButNoSound) {
   const std::string source = clip("film.mp4", 160, 120, 1, {"-an"});
   expectDone(world.run(source, PROFILE_240P));
   EXPECT_EQ(probe(result("film.mp4.mobile240p.mp4"))->audioCodec, "");
-  expectFailed(world.run(source, PROFILE_AUDIO), "video2audio: the source has no audio track 0");
+  expectFailed(world.run(source, PROFILE_AUDIO), "video2audio: the source has no audio");
+}
+
+TEST_F(JobRunner, AnAudioTrackThatIsNotThereFailsTheJob) {
+  const std::string source = clip("film.mp4");
+  for (const uint64_t profile : {PROFILE_240P, PROFILE_AUDIO}) {
+    expectFailed(world.run(source, profile, [](KxDBTaskParam& job) { job.aid = 2; }),
+                 "the source has no audio track 2, its last one is 0");
+  }
+  EXPECT_FALSE(fs::exists(result("film.mp4.mobile240p.mp4")));
 }
 
 TEST_F(JobRunner, AVideoTrackThatIsNotThereFailsTheProfile) {
   const std::string source = clip("film.mp4");
   KxDBTaskParam job = world.addJob(source, PROFILE_240P);
   job.vid = 4;
-  expectFailed(world.runAgain(job), "mobile240p: the source has no video track 4");
+  expectFailed(world.runAgain(job),
+               "mobile240p: the source has no video track 4, its last one is 0");
 }
 
 TEST_F(JobRunner, HostileNamesAreOnlyNames) {

@@ -184,6 +184,63 @@ TEST_F(Subtitles, AnEmbeddedTrackIsExtractedAndDrawn) {
   EXPECT_TRUE(fs::exists(world.media(".@__thumb/.genSub/film.mp4.si1.srt")));
 }
 
+TEST_F(Subtitles, OtherKindsOfSubtitleFilesAreDrawn) {
+  for (const std::string name : {"other.ass", "other.vtt"}) {
+    SCOPED_TRACE(name);
+    writeFile(world.media("other.srt"), srt("HELLO"));
+    ASSERT_TRUE(run({"ffmpeg", "-v", "error", "-i", world.media("other.srt"), world.media(name)}));
+    const std::string plain = readFile(world.media(name));
+    for (const char* encoding : {"UTF-8", "UTF-16LE"}) {
+      SCOPED_TRACE(encoding);
+      const std::string encoded = encodedAs(plain, encoding);
+      ASSERT_NE(encoded, "");
+      writeFile(world.media(name), encoded);
+      EXPECT_GT(drawn([&](KxDBTaskParam& job) { job.subtitle = world.media(name); }).lit(), 100);
+    }
+  }
+}
+
+TEST_F(Subtitles, WhatIsNoSubtitleFailsTheJobAndIsNamed) {
+  fs::copy_file(world.media("film.mp4"), world.media("clip.srt"));
+  writeFile(world.media("words.srt"), "just some words\n");
+  writeFile(world.media("empty.srt"), "");
+  for (const char* name : {"clip.srt", "words.srt", "empty.srt"}) {
+    const KxDBTaskParam row =
+        world.run(world.media("film.mp4"), PROFILE_240P,
+                  [&](KxDBTaskParam& job) { job.subtitle = world.media(name); });
+    EXPECT_EQ(row.status, JOB_ERROR);
+    EXPECT_EQ(world.reason(row.id), "the subtitle is not understood: " + world.media(name));
+    EXPECT_TRUE(world.leftovers().empty());
+  }
+}
+
+TEST_F(Subtitles, AnExtractedTrackServesAgainUntilTheVideoIsReplaced) {
+  const auto makeFilm = [this](const std::string& text) {
+    writeFile(world.media("a.srt"), srt(text));
+    ASSERT_TRUE(run({"ffmpeg", "-v", "error", "-y", "-i", world.media("film.mp4"), "-i",
+                     world.media("a.srt"), "-map", "0", "-map", "1", "-c", "copy",
+                     world.media("film.mkv")}));
+  };
+  const std::string extracted = world.media(".@__thumb/.genSub/film.mkv.si0.srt");
+  const auto extractedText = [&] {
+    const KxDBTaskParam row =
+        world.run(world.media("film.mkv"), PROFILE_240P, [](KxDBTaskParam& job) { job.sid = 0; });
+    EXPECT_EQ(row.status, JOB_DONE) << world.reason(row.id);
+    fs::remove_all(world.media("@Transcode"));
+    return readFile(extracted);
+  };
+  makeFilm("FIRST");
+  EXPECT_NE(extractedText().find("FIRST"), std::string::npos);
+  const auto made = fs::last_write_time(extracted);
+  extractedText();
+  EXPECT_EQ(fs::last_write_time(extracted), made);
+  makeFilm("SECOND");
+  EXPECT_NE(extractedText().find("SECOND"), std::string::npos);
+  // Nor does a file that a user put in its place.
+  writeFile(extracted, "#EXTM3U\n#EXTINF:1,\n/etc/passwd\n");
+  EXPECT_NE(extractedText().find("SECOND"), std::string::npos);
+}
+
 TEST_F(Subtitles, APlaylistInPlaceOfASubtitleFailsTheJob) {
   writeFile(world.media("other.srt"), "#EXTM3U\n/etc/passwd\n");
   const KxDBTaskParam row =

@@ -112,11 +112,24 @@ TEST_F(FfmpegFrontEnd, APlaylistCannotReadOtherFiles) {
   }
 }
 
-TEST_F(FfmpegFrontEnd, AnInputCannotBeTheNetwork) {
-  const ExecResult result =
-      runTool({"/bin/sh", "-c", frontEnd() + " -i http://127.0.0.1:9/x.mp4 /dev/null 2>&1"});
-  EXPECT_NE(result.exitStatus, 0);
-  EXPECT_NE(result.out.find("not on whitelist"), std::string::npos) << result.out;
+TEST_F(FfmpegFrontEnd, AnInputIsALocalFileAndNothingElse) {
+  makeClip(m_dir / "clip.ts", 160, 120, 1, {"-f", "mpegts"});
+  const std::string clip = m_dir / "clip.ts";
+  const std::string bytes = kxtest::run({"base64", "-w0", clip}).value_or("");
+  EXPECT_TRUE(encode({"-i", "file:" + clip, "-c", "copy", "-f", "mpegts", m_dir / "out.ts"}));
+  for (const std::string& input :
+       {std::string("http://127.0.0.1:9/x.mp4"), std::string("tcp://127.0.0.1:9"),
+        "data:video/mp2t;base64," + bytes, "subfile,,start,0,end,0,,:" + clip, "cache:" + clip,
+        "async:" + clip, "concat:http://127.0.0.1:9/x|" + clip, "concat:data:;base64," + bytes}) {
+    writeFile(m_dir / "input", input);
+    const ExecResult result =
+        runTool({"/bin/sh", "-c",
+                 frontEnd() + " -v error -y -i \"$(cat '" + (m_dir / "input") +
+                     "')\" -c copy -f mpegts /dev/null 2>&1"});
+    EXPECT_NE(result.exitStatus, 0) << input.substr(0, 60);
+    EXPECT_NE(result.out.find("not on whitelist"), std::string::npos) << input.substr(0, 60) << "\n"
+                                                                      << result.out;
+  }
 }
 
 TEST_F(FfmpegFrontEnd, BecomesTheEncoderUnderTheSameProcessNumber) {

@@ -101,3 +101,25 @@ TEST_F(Subpull, DoesNotFollowAPlaylistToOtherFiles) {
   EXPECT_EQ(pull("list.mkv", "0"), 1);
   EXPECT_TRUE(leavesNothing());
 }
+
+TEST_F(Subpull, WritesThroughNoLinkThatOthersPlanted) {
+  ASSERT_TRUE(mux("srt", "two.mkv"));
+  writeFile(m_dir / "victim", "precious");
+  fs::create_symlink(m_dir / "victim", m_dir / "out.srt");
+  EXPECT_EQ(pull("two.mkv", "0"), 0) << error();
+  EXPECT_FALSE(fs::is_symlink(m_dir / "out.srt"));
+  fs::remove(m_dir / "out.srt");
+  // Names that only the process number tells apart can be guessed.
+  for (const char* middle : {"part", "log"}) {
+    const auto words = "ln -s \"$5\" \"$3." + std::string(middle) +
+                       ".$$\" && exec \"$0\" -i \"$1\" -track \"$2\" \"$3\" 2>\"$4\"";
+    EXPECT_EQ(runTool({"sh", "-c", words, m_root.program("subpull"), m_dir / "two.mkv", "0",
+                       m_dir / "out.srt", m_dir / "err", m_dir / "victim"})
+                  .exitStatus,
+              1)
+        << middle;
+    EXPECT_NE(error().find("cannot write"), std::string::npos) << error();
+    EXPECT_FALSE(fs::exists(m_dir / "out.srt"));
+  }
+  EXPECT_EQ(readFile(m_dir / "victim"), "precious");
+}
