@@ -25,6 +25,18 @@ std::string absolutePath(const std::string& path) {
   return fs::absolute(path).lexically_normal().string();
 }
 
+// What there is of a result: the size of a file, the pages of an album.
+std::string resultText(const std::string& path) {
+  std::error_code error;
+  const fs::directory_iterator album(path, error);
+  if (!error) {
+    const auto pages = std::distance(begin(album), end(album));
+    return pages == 1 ? "1 page" : std::to_string(pages) + " pages";
+  }
+  const auto size = fs::file_size(path, error);
+  return error ? "not there" : sizeText(static_cast<int64_t>(size));
+}
+
 // A source is checked here already: the service sees the path later and cannot say which
 // word of the command line was wrong.
 std::string sourcePath(const std::string& path) {
@@ -271,10 +283,8 @@ int Commands::show(int64_t id) {
   if (outputs == row.end() || !outputs->is_array()) return kExitOk;
   for (const auto& output : *outputs) {
     const std::string path = string(output, "path");
-    std::error_code error;
-    const auto size = fs::file_size(path, error);
     printf("Result  %s: %s (%s)\n", string(output, "profile").c_str(), printable(path).c_str(),
-           error ? "not there" : sizeText(static_cast<int64_t>(size)).c_str());
+           resultText(path).c_str());
   }
   return kExitOk;
 }

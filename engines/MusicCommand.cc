@@ -1,22 +1,43 @@
 #include "engines/MusicCommand.h"
 
+#include <algorithm>
+#include <array>
 #include <optional>
 #include <string>
 #include <utility>
 
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
+
 namespace engines {
 namespace {
 
-// Container of an audio-only file. Most codecs have one of their own name.
+struct AudioContainer {
+  int codecId;
+  const char* name;
+};
+
+// Of codecs that have no container of their own name.
+constexpr std::array<AudioContainer, 13> kContainers{{{KX_CODEC_MP3, "mp3"},
+                                                      {KX_CODEC_AAC, "adts"},
+                                                      {AV_CODEC_ID_VORBIS, "ogg"},
+                                                      {AV_CODEC_ID_SPEEX, "ogg"},
+                                                      {AV_CODEC_ID_ALAC, "ipod"},
+                                                      {AV_CODEC_ID_WMAV1, "asf"},
+                                                      {AV_CODEC_ID_WMAV2, "asf"},
+                                                      {AV_CODEC_ID_WAVPACK, "wv"},
+                                                      {AV_CODEC_ID_PCM_U8, "wav"},
+                                                      {AV_CODEC_ID_PCM_S16LE, "wav"},
+                                                      {AV_CODEC_ID_PCM_S24LE, "wav"},
+                                                      {AV_CODEC_ID_PCM_S32LE, "wav"},
+                                                      {AV_CODEC_ID_PCM_F32LE, "wav"}}};
+
+// Container of an audio-only file.
 std::optional<std::string> containerName(int codecId, const EngineFacts& facts) {
-  switch (codecId) {
-  case KX_CODEC_MP3:
-    return "mp3";
-  case KX_CODEC_AAC:
-    return "adts";
-  default:
-    return facts.audioCodecName;
-  }
+  const auto* found = std::ranges::find(kContainers, codecId, &AudioContainer::codecId);
+  if (found != kContainers.end()) return found->name;
+  return facts.audioCodecName;
 }
 
 class MusicCommandBuilder {
@@ -48,7 +69,8 @@ class MusicCommandBuilder {
   }
 
   bool audio() {
-    // The question mark: a source without that stream is the encoder's to refuse.
+    // The question mark leaves a source without that stream to the encoder, which takes the
+    // stream that it thinks best: who means none but that one looks first.
     if (m_param.m_aid >= 0) m_out.add({"-map", "0:a:" + std::to_string(m_param.m_aid) + "?"});
     m_out.addPositive("-ac", m_param.m_aChannel);
     m_out.addPositive("-ar", m_param.m_aSampleRate);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <thread>
 
@@ -286,6 +287,24 @@ void putText(KxSockData_s& record, const std::string& text) {
 }
 
 }  // namespace
+
+TEST(Client, ShowTellsWhatThereIsOfEveryResult) {
+  kxtest::TempDir dir;
+  std::filesystem::create_directory(dir / "a.pdf.album");
+  for (const char* page : {"a-1.jpg", "a-2.jpg"})
+    kxtest::writeFile(dir / "a.pdf.album/" + page, "x");
+  kxtest::writeFile(dir / "a.mp4", std::string(1500, 'x'));
+  Service service(dir / "s.sock", [&](const KxSockData_s&, KxSockData_s& answer) {
+    nlohmann::json outputs = nlohmann::json::array();
+    for (const char* name : {"a.pdf.album/", "a.mp4", "absent.mp4"})
+      outputs.push_back({{"profile", "p"}, {"path", dir / name}});
+    putText(answer, nlohmann::json{{"id", 1}, {"outputs", outputs}}.dump());
+    return sizeof answer;
+  });
+  const std::string out = xcodectl({"--socket", dir / "s.sock", "show", "1"}).out;
+  for (const char* result : {"a.pdf.album/ (2 pages)", "a.mp4 (1.5 kB)", "absent.mp4 (not there)"})
+    EXPECT_NE(out.find(dir / result), std::string::npos) << out;
+}
 
 TEST(Client, AFolderIsSentWithTheBitsOfItsProfiles) {
   kxtest::TempDir dir;

@@ -8,6 +8,10 @@
 #include <string>
 #include <vector>
 
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
+
 #include "KxMusicTranscoder.h"
 #include "KxTranscoder.h"
 #include "engines/MusicCommand.h"
@@ -28,7 +32,7 @@ namespace {
 
 constexpr const char* kEncoder = "/usr/local/medialibrary/bin/ffmpeg";
 constexpr const char* kParser = "/usr/local/medialibrary/bin/xlogparse.sh";
-constexpr int kCodecFlac = 86028;
+constexpr int kCodecFlac = AV_CODEC_ID_FLAC;
 
 engines::EngineFacts toolFacts() {
   engines::EngineFacts facts;
@@ -318,6 +322,66 @@ TEST_F(Music, TheSoundOfAVideoBecomesAnMp3File) {
   EXPECT_EQ(result.getAudioTrack(0).m_codecId, KX_CODEC_MP3);
   EXPECT_EQ(result.getAudioTrack(0).m_channels, 2);
   EXPECT_NEAR(static_cast<double>(result.m_playTimeMs), 1000, 200);
+}
+
+TEST_F(Music, EveryCodecThatCanBeEncodedGivesAPlayableFile) {
+  for (const AVCodecID codec :
+       {AV_CODEC_ID_MP2, AV_CODEC_ID_MP3, AV_CODEC_ID_AAC, AV_CODEC_ID_AC3, AV_CODEC_ID_EAC3,
+        AV_CODEC_ID_DTS, AV_CODEC_ID_FLAC, AV_CODEC_ID_ALAC, AV_CODEC_ID_OPUS, AV_CODEC_ID_VORBIS,
+        AV_CODEC_ID_WMAV2, AV_CODEC_ID_WAVPACK, AV_CODEC_ID_TTA, AV_CODEC_ID_PCM_S16LE,
+        AV_CODEC_ID_PCM_F32LE}) {
+    SCOPED_TRACE(codec);
+    fs::remove(m_dir / "result");
+    m_param.m_aCodecId = codec;
+    m_param.m_aSampleRate = 48000;
+    m_param.m_aChannel = 2;
+    KxMusicTranscoder music;
+    ASSERT_EQ(music.init(m_param), 0);
+    KxResource2 cpu = resource(RES2_SW_CPU);
+    ASSERT_EQ(waitFor(music.transcode(cpu, true)), 0) << readFile(music.getProgressLogPath());
+    KxMediaInfo result;
+    ASSERT_EQ(result.init(m_dir / "result"), 0);
+    EXPECT_EQ(result.getAudioTrack(0).m_codecId, codec);
+    EXPECT_EQ(result.getAudioTrack(0).m_samplerate, 48000);
+    EXPECT_EQ(result.getAudioTrack(0).m_channels, 2);
+    EXPECT_EQ(result.getVideoTrackCount(), 0);
+  }
+}
+
+TEST_F(Music, OddSoundsBecomePlayable) {
+  const struct {
+    const char* name;
+    std::vector<std::string> options;
+    double seconds;
+  } sources[] = {
+      {"many.wav", {"-ac", "8", "-ar", "192000", "-c:a", "pcm_f32le"}, 1},
+      {"coarse.wav", {"-ac", "1", "-ar", "8000", "-c:a", "pcm_u8"}, 1},
+      {"slow.aiff", {"-ac", "1", "-ar", "6000"}, 1},
+      {"moment.flac", {"-t", "0.01"}, 0},
+      {"raw.aac", {"-ar", "7350", "-ac", "1", "-strict", "-2"}, 1},
+      {"mono.mka", {"-c:a", "libopus", "-ac", "1"}, 1},
+  };
+  m_param.m_aChannel = 2;
+  m_param.m_aSampleRate = 44100;
+  m_param.m_aBitrate = 128000;
+  for (const auto& [name, options, seconds] : sources) {
+    SCOPED_TRACE(name);
+    std::vector<std::string> words = {"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "sine=d=1"};
+    words.insert(words.end(), options.begin(), options.end());
+    words.push_back(m_dir / name);
+    ASSERT_TRUE(kxtest::run(words));
+    fs::remove(m_dir / "result");
+    m_param.m_inFile = m_dir / name;
+    KxMusicTranscoder music;
+    ASSERT_EQ(music.init(m_param), 0);
+    KxResource2 cpu = resource(RES2_SW_CPU);
+    ASSERT_EQ(waitFor(music.transcode(cpu, true)), 0) << readFile(music.getProgressLogPath());
+    KxMediaInfo result;
+    ASSERT_EQ(result.init(m_dir / "result"), 0);
+    EXPECT_EQ(result.getAudioTrack(0).m_codecId, KX_CODEC_MP3);
+    EXPECT_EQ(result.getAudioTrack(0).m_samplerate, 44100);
+    EXPECT_NEAR(static_cast<double>(result.m_playTimeMs), seconds * 1000, 300);
+  }
 }
 
 TEST_F(Music, TheHardwareEngineWritesAacAllTheSame) {

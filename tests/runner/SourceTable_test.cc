@@ -103,9 +103,13 @@ TEST(RealSounds, GiveAPlayableResultOrAReason) {
 TEST(Sounds, KeepTheirTags) {
   RunnerWorld world;
   RecordingLog log;
-  for (const std::string name : {"song.flac", "song.ogg", "song.m4a"}) {
-    run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "sine=d=1", "-metadata", "title=My Song",
-         "-metadata", "artist=Somebody", world.media(name)});
+  for (const std::string name : {"song.flac", "song.ogg", "song.opus", "song.m4a", "song.wma",
+                                 "song.mka", "song.wav", "song.aiff"}) {
+    std::vector<std::string> words = {"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "sine=d=1"};
+    words.insert(words.end(), {"-metadata", "title=My Song", "-metadata", "artist=Somebody"});
+    if (name == "song.aiff") words.insert(words.end(), {"-write_id3v2", "1"});
+    words.push_back(world.media(name));
+    ASSERT_TRUE(run(words)) << name;
     const KxDBTaskParam row = world.run(world.media(name), PROFILE_AUDIO);
     ASSERT_EQ(row.status, JOB_DONE) << name << world.reason(row.id);
     const std::string tags = facts(world.media("Video2audio/song.mp3"), "format_tags");
@@ -113,6 +117,50 @@ TEST(Sounds, KeepTheirTags) {
     EXPECT_NE(tags.find("TAG:artist=Somebody"), std::string::npos) << name << tags;
     fs::remove_all(world.media("Video2audio"));
   }
+}
+
+TEST(Sounds, KeepTheirCoverArt) {
+  RunnerWorld world;
+  RecordingLog log;
+  for (const std::string picture : {"cover.jpg", "cover.png"}) {
+    ASSERT_TRUE(run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=red:s=64x48", "-frames:v",
+                     "1", world.media(picture)}));
+    for (const std::string name : {"song.flac", "song.m4a", "song.mp3"}) {
+      SCOPED_TRACE(picture + " in " + name);
+      ASSERT_TRUE(run({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "sine=d=1", "-i",
+                       world.media(picture), "-map", "0:a", "-map", "1:v", "-c:v", "copy",
+                       "-disposition:v", "attached_pic", world.media(name)}));
+      const KxDBTaskParam row = world.run(world.media(name), PROFILE_AUDIO);
+      ASSERT_EQ(row.status, JOB_DONE) << world.reason(row.id);
+      const std::string result = world.media("Video2audio/song.mp3");
+      EXPECT_EQ(covers(result), 1U);
+      EXPECT_EQ(run({"ffmpeg", "-v", "error", "-i", result, "-map", "0:v", "-c", "copy", "-f",
+                     "image2pipe", "-"}),
+                readFile(world.media(picture)));
+      fs::remove_all(world.media("Video2audio"));
+      fs::remove(world.media(name));
+    }
+  }
+}
+
+TEST(Sounds, AreTakenFromTheTrackThatIsAskedFor) {
+  RunnerWorld world;
+  RecordingLog log;
+  ASSERT_TRUE(run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "sine=d=1", "-f", "lavfi", "-i",
+                   "sine=d=4", "-map", "0", "-map", "1", world.media("two.mka")}));
+  const auto extract = [&](int track) {
+    fs::remove_all(world.media("Video2audio"));
+    return world.run(world.media("two.mka"), PROFILE_AUDIO,
+                     [track](KxDBTaskParam& job) { job.aid = track; });
+  };
+  for (const auto& [track, seconds] : {std::pair{0, 1.0}, {1, 4.0}}) {
+    const KxDBTaskParam row = extract(track);
+    ASSERT_EQ(row.status, JOB_DONE) << world.reason(row.id);
+    EXPECT_NEAR(probe(world.media("Video2audio/two.mp3"))->seconds, seconds, 0.2);
+  }
+  const KxDBTaskParam row = extract(2);
+  EXPECT_EQ(row.status, JOB_ERROR);
+  EXPECT_EQ(world.reason(row.id), "the source has no audio track 2, its last one is 1");
 }
 
 TEST(RealDocuments, GiveAPictureOfEveryPageOrAReason) {
