@@ -22,7 +22,7 @@ Cleanup::~Cleanup() {
 }
 
 std::string missingTrack(const char* kind, int track, int count) {
-  const std::string none = std::string("the source has no ") + kind;
+  std::string none = std::string("the source has no ") + kind;
   if (count <= 0) return none;
   return none + " track " + std::to_string(track) + ", its last one is " +
          std::to_string(count - 1);

@@ -47,15 +47,14 @@ TEST(PdfPages, ADocumentWithoutPagesHasNone) {
 TEST(PdfPages, EveryKindOfEncryptionIsToldFromDamage) {
   const TempDir dir;
   const std::string plain = emptyPdf(2);
-  const std::string id =
-      " /ID [<00112233445566778899aabbccddeeff><00112233445566778899aabbccddeeff>]";
-  const std::string keys(64, '0');
+  const std::string key = "<" + std::string(64, '0') + ">";
+  const std::string id = " >> /ID [<" + std::string(32, '1') + "> <" + std::string(32, '1') + ">] ";
+  const std::string keys = " /P -4 /O " + key + " /U " + key;
   for (const std::string& encryption :
        {std::string("/Filter /Adobe.PubSec /SubFilter /adbe.pkcs7.s5 /V 4"),
-        "/Filter /Standard /V 9 /R 9 /P -4 /O <" + keys + "> /U <" + keys + ">",
-        "/Filter /Standard /V 1 /R 2 /P -4 /O <" + keys + "> /U <" + keys + ">"}) {
+        "/Filter /Standard /V 9 /R 9" + keys, "/Filter /Standard /V 1 /R 2" + keys}) {
     std::string text = plain;
-    text.insert(text.find("/Root"), "/Encrypt << " + encryption + " >>" + id + " ");
+    text.insert(text.find("/Root"), std::string("/Encrypt << ").append(encryption).append(id));
     writeFile(dir / "doc.pdf", text);
     EXPECT_EQ(kxPdfGetPageNumber(dir / "doc.pdf"), KX_PDF_ENCRYPTED) << encryption;
   }

@@ -126,7 +126,7 @@ TEST(Sounds, KeepTheirCoverArt) {
     ASSERT_TRUE(run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=red:s=64x48", "-frames:v",
                      "1", world.media(picture)}));
     for (const std::string name : {"song.flac", "song.m4a", "song.mp3"}) {
-      SCOPED_TRACE(picture + " in " + name);
+      SCOPED_TRACE(testing::Message() << picture << " in " << name);
       ASSERT_TRUE(run({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "sine=d=1", "-i",
                        world.media(picture), "-map", "0:a", "-map", "1:v", "-c:v", "copy",
                        "-disposition:v", "attached_pic", world.media(name)}));

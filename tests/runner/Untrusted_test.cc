@@ -65,9 +65,10 @@ std::string concat(const std::string& target) {
 std::vector<Disguise> disguises(const std::string& file, const std::string& place) {
   std::vector<Disguise> all;
   const std::string packed = run({"base64", "-w0", file}).value_or("");
+  const std::string twice = file + "|" + file;
   for (const std::string& target :
        {file, "http://" + place + "/x.ts", "tcp://" + place, "data:video/mp2t;base64," + packed,
-        "concat:" + file + "|" + file, "subfile,,start,0,end,0,,:" + file}) {
+        "concat:" + twice, "subfile,,start,0,end,0,,:" + file}) {
     all.push_back({"playlist", hls(target)});
     all.push_back({"manifest", dash(target)});
     all.push_back({"file list", concat(target)});
