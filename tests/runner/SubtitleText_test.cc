@@ -54,9 +54,9 @@ TEST(SubtitleText, IsReadInEveryEncodingThatIsMet) {
 
 TEST(SubtitleText, TimesWithoutFractionsGetThem) {
   for (const std::string end : {"\n", "\r\n", "\r"}) {
-    const std::string last = end + "at 12:00:00" + end;
-    EXPECT_EQ(read("1" + end + "00:01:39 --> 00:01:41,04 X1:40" + last),
-              "1" + end + "00:01:39,000 --> 00:01:41,04 X1:40" + last);
+    const auto cue = [&end](const std::string& times) { return "1" + end + times + end; };
+    EXPECT_EQ(read(cue("00:01:39 --> 00:01:41,04 X1:40") + "at 12:00:00"),
+              cue("00:01:39,000 --> 00:01:41,04 X1:40") + "at 12:00:00");
   }
   EXPECT_EQ(read("1\n100:00:01 --> 100:00:02"), "1\n100:00:01,000 --> 100:00:02,000");
   for (const std::string same : {"00:00:01.500 --> 00:00:02,5", "--> 00:00", ":00:00 -->",
