@@ -54,7 +54,7 @@ TEST(SubtitleText, IsReadInEveryEncodingThatIsMet) {
 
 TEST(SubtitleText, TimesWithoutFractionsGetThem) {
   for (const std::string end : {"\n", "\r\n", "\r"}) {
-    const auto cue = [&end](const std::string& times) { return "1" + end + times + end; };
+    const auto cue = [&end](const char* times) { return end + times + end; };
     EXPECT_EQ(read(cue("00:01:39 --> 00:01:41,04 X1:40") + "at 12:00:00"),
               cue("00:01:39,000 --> 00:01:41,04 X1:40") + "at 12:00:00");
   }
