@@ -26,6 +26,11 @@ std::string read(const std::string& bytes) {
   return text.fault.empty() ? text.utf8 : text.fault;
 }
 
+void expectCompletedTimes(const std::string& end) {
+  EXPECT_EQ(read("1" + end + "00:01:39 --> 00:01:41,04 X1:40" + end + "at 12:00:00" + end),
+            "1" + end + "00:01:39,000 --> 00:01:41,04 X1:40" + end + "at 12:00:00" + end);
+}
+
 const std::string kTimes = "1\n00:00:00,000 --> 00:00:02,000\n";
 
 }  // namespace
@@ -53,11 +58,7 @@ TEST(SubtitleText, IsReadInEveryEncodingThatIsMet) {
 }
 
 TEST(SubtitleText, TimesWithoutFractionsGetThem) {
-  for (const std::string end : {"\n", "\r\n", "\r"}) {
-    const auto cue = [&end](const char* times) { return end + times + end; };
-    EXPECT_EQ(read(cue("00:01:39 --> 00:01:41,04 X1:40") + "at 12:00:00"),
-              cue("00:01:39,000 --> 00:01:41,04 X1:40") + "at 12:00:00");
-  }
+  for (const char* end : {"\n", "\r\n", "\r"}) expectCompletedTimes(end);
   EXPECT_EQ(read("1\n100:00:01 --> 100:00:02"), "1\n100:00:01,000 --> 100:00:02,000");
   for (const std::string same : {"00:00:01.500 --> 00:00:02,5", "--> 00:00", ":00:00 -->",
                                  "1:2:3 --> 4:5:6", "-->", "", "\n"})
