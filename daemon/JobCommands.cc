@@ -128,6 +128,14 @@ KxDBTaskParam askedJob(const KxSockData_s& request) {
   return job;
 }
 
+// A text that no file can have, out of a damaged older queue, must not hide the rows behind it.
+KxDBTaskParam shortened(KxDBTaskParam job) {
+  constexpr size_t kLongest = 1000;
+  for (std::string* text : {&job.src, &job.dst, &job.subtitle, &job.subColor})
+    if (text->size() > kLongest) text->resize(kLongest);
+  return job;
+}
+
 // What the list shows about a source. Done before the queue is locked; queueing asks again,
 // and the probe remembers its last file.
 void describeSource(KxDBTaskParam& job) {
@@ -264,8 +272,11 @@ Answer JobCommands::query(int, const KxSockData_s& request) {
     rows = store()->getDBJob(wanted);
   }
   JsonPage page;
-  for (const KxDBTask& row : rows)
-    if (!page.add(jobToJson(row.param))) break;
+  for (const KxDBTask& row : rows) {
+    if (page.add(jobToJson(row.param))) continue;
+    if (page.rows() > 0) break;
+    page.add(jobToJson(shortened(row.param)));
+  }
   answer.value3 = page.rows();
   answer.text = page.text();
   return answer;

@@ -80,7 +80,7 @@ bool exists(const std::string& path) {
 
 SqliteHandle openExisting(const std::string& path) {
   SqliteHandle db;
-  if (!openSqlite(path, true, db)) {
+  if (!openSqlite(path, SqliteAccess::Create, db)) {
     KX_LOG_SITE(INIT_SITE, "can not sqlite3_open %s, create a new one\n", path.c_str());
     KX_LOG_SITE(INIT_SITE, "%s\n", engineError(db.get()).c_str());
     return nullptr;
@@ -115,7 +115,7 @@ bool createSchema(sqlite3* db) {
 SqliteHandle createNew(const std::string& path) {
   if (!removeDatabase(path)) return nullptr;
   SqliteHandle db;
-  if (!openSqlite(path, true, db)) {
+  if (!openSqlite(path, SqliteAccess::Create, db)) {
     KX_LOG_SITE(INIT_SITE, "create database %s fail\n", path.c_str());
     KX_LOG_SITE(INIT_SITE, "%s\n", engineError(db.get()).c_str());
     return nullptr;

@@ -4,6 +4,7 @@
 
 #include "KxTransDBMgr.h"
 #include "frame/Log.h"
+#include "jobstore/LegacyFile.h"
 #include "jobstore/RankKeeper.h"
 #include "jobstore/Sqlite.h"
 #include "jobstore/StatementTable.h"
@@ -31,10 +32,10 @@ bool isImportable(const std::string& path, LogSite site) {
 }
 
 std::optional<std::vector<Kx43xDBTaskParam>> readLegacyJobs(const std::string& path, LogSite site) {
-  SqliteHandle old;
-  if (!openSqlite(path, false, old)) {
+  LegacyFile old;
+  if (const auto error = old.open(path)) {
     KX_LOG_SITE(site, "open %s fail, can not import old db\n", path.c_str());
-    KX_LOG_SITE(site, "err log: %s\n", engineError(old.get()).c_str());
+    KX_LOG_SITE(site, "err log: %s\n", error->c_str());
     return std::nullopt;
   }
   std::vector<Kx43xDBTaskParam> jobs;

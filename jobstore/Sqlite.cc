@@ -13,10 +13,22 @@ void SqliteCloser::operator()(sqlite3* db) const {
   sqlite3_close(db);
 }
 
-bool openSqlite(const std::string& path, bool create, SqliteHandle& db) {
+namespace {
+int openFlags(SqliteAccess access) {
+  switch (access) {
+  case SqliteAccess::Read:
+    return SQLITE_OPEN_READONLY;
+  case SqliteAccess::Change:
+    return SQLITE_OPEN_READWRITE;
+  default:
+    return SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+  }
+}
+}  // namespace
+
+bool openSqlite(const std::string& path, SqliteAccess access, SqliteHandle& db) {
   sqlite3* raw = nullptr;
-  const int flags = SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0);
-  const int result = sqlite3_open_v2(path.c_str(), &raw, flags, nullptr);
+  const int result = sqlite3_open_v2(path.c_str(), &raw, openFlags(access), nullptr);
   db.reset(raw);
   return result == SQLITE_OK;
 }

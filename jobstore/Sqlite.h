@@ -19,9 +19,12 @@ using SqliteHandle = std::unique_ptr<sqlite3, SqliteCloser>;
 
 using RowCallback = int (*)(void* out, int n, char** values, char** names);
 
+// What a connection may do to its file: read it, change it, or make it too.
+enum class SqliteAccess { Read, Change, Create };
+
 // Opens a database file. The handle is set even after a failure, so that its error text can
 // be read; the result tells whether it may be used.
-bool openSqlite(const std::string& path, bool create, SqliteHandle& db);
+bool openSqlite(const std::string& path, SqliteAccess access, SqliteHandle& db);
 
 // The engine's text for the last failure on a connection; also without a connection.
 std::string engineError(sqlite3* db);

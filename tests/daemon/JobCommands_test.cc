@@ -205,6 +205,28 @@ TEST_F(JobCommandsTest, QueriesPageThroughTheQueue) {
   for (size_t i = 0; i < ranks.size(); ++i) ASSERT_EQ(ranks[i], static_cast<int64_t>(i) + 1);
 }
 
+TEST_F(JobCommandsTest, ATextThatFillsMoreThanARecordDoesNotHideTheRowsBehindIt) {
+  const std::string old = m_dir / "old.db";
+  OtherConnection(old).run(
+      "CREATE TABLE TranscodeJob (Id INTEGER PRIMARY KEY, FileName TEXT, DateAdded INTEGER);"
+      "INSERT INTO TranscodeJob VALUES (1, '/a', 1), (2, '/' || hex(zeroblob(50000)), 2), "
+      "(3, '/c', 3)");
+  auto request = kxtest::makeRequest(34);
+  kxtest::putText(*request, 1, old);
+  EXPECT_EQ(m_jobs.importLegacy(-1, *request).value2, 3);
+  json rows = json::array();
+  for (int first = 0; first < 3;) {
+    const Answer page = run(&JobCommands::query, json::object(), first);
+    ASSERT_GT(page.value3, 0);
+    for (const json& row : json::parse(page.text)) rows.push_back(row);
+    first += page.value3;
+  }
+  ASSERT_EQ(rows.size(), 3U);
+  EXPECT_EQ(rows[0].at("src"), "/a");
+  EXPECT_EQ(rows[1].at("src"), "/" + std::string(999, '0'));
+  EXPECT_EQ(rows[2].at("src"), "/c");
+}
+
 TEST_F(JobCommandsTest, QueriesFilterOrderAndLimit) {
   const int64_t a = add("a.mp4");
   const int64_t b = add("b.mp4");

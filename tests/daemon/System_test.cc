@@ -18,6 +18,7 @@
 #include "frame/UniqueFd.h"
 #include "tests/daemon/DaemonRun.h"
 #include "tests/daemon/Records.h"
+#include "tests/support/OtherConnection.h"
 
 #ifndef __has_feature
 #define __has_feature(x) 0
@@ -256,6 +257,31 @@ TEST(Daemon, TheClientQueuesASongAndItsSoundBecomesAnMp3File) {
                  "-of", "default=nw=1:nk=1", result}),
             "mp3\nMy Song\n");
   EXPECT_EQ(root.leftovers(), std::vector<std::string>{});
+}
+
+TEST(Daemon, TheClientTakesOverAnOlderQueueAndSaysSoWhenItDoesItTwice) {
+  const DaemonRoot root;
+  makeClip(root.media("a.mp4"), 160, 120);
+  const std::string old = root / "old.db";
+  OtherConnection(old).run(
+      "CREATE TABLE TranscodeJob (Id INTEGER PRIMARY KEY, FileName TEXT, DateAdded INTEGER, "
+      "Status INTEGER, Jobflag INTEGER, Mediatype INTEGER, Inserttype INTEGER);"
+      "INSERT INTO TranscodeJob VALUES (1, '" +
+      root.media("a.mp4") + "', 2, 3, 1, 1, 1), (2, '/gone.mp4', 1, 1, 1, 1, 1)");
+  const std::string before = readFile(old);
+  const DaemonRun daemon(root);
+  const std::string client = KX_BUILD_DIR "/bin/xcodectl";
+  EXPECT_EQ(run({client, "--root", root.path(), "import-legacy", old}), "2 jobs imported.\n");
+  ASSERT_TRUE(waitForEnd(daemon, 2));
+  EXPECT_EQ(daemon.status(1), JOB_DONE);  // as it was
+  EXPECT_EQ(daemon.status(2), JOB_DONE) << daemon.show(2);
+  EXPECT_EQ(resultOf(daemon, 2), root.media("@Transcode/a.mp4.mobile240p.mp4"));
+  const auto again = run({client, "--root", root.path(), "--json", "import-legacy", old});
+  EXPECT_EQ(json::parse(again.value_or("")),
+            json({{"ok", true}, {"imported", 2}, {"known", 2}, {"skipped", 0}}));
+  EXPECT_EQ(run({client, "--root", root.path(), "import-legacy", root.path()}), std::nullopt);
+  EXPECT_EQ(readFile(old), before);
+  EXPECT_EQ(daemon.count(16), 4);
 }
 
 TEST(Daemon, TheClientShowsWhyACardWasLeft) {

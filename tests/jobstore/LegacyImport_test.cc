@@ -1,7 +1,12 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
+#include <map>
 
 #include "tests/jobstore/JobStoreFixture.h"
 
+namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -9,7 +14,45 @@ namespace {
 
 class LegacyImport : public JobStoreTest {
  protected:
-  std::string oldPath() const { return folder / "old.db"; }
+  // In a folder of its own, so that what appears beside it is seen.
+  LegacyImport() { fs::create_directory(folder / "old"); }
+  std::string oldPath() const { return folder / "old/old.db"; }
+  // What is in the folder of the old file: bytes and time of change by name.
+  std::map<std::string, std::pair<std::string, fs::file_time_type>> oldFiles() const {
+    std::map<std::string, std::pair<std::string, fs::file_time_type>> files;
+    for (const auto& entry : fs::directory_iterator(folder / "old")) {
+      files[entry.path().filename().string()] = {kxtest::readFile(entry.path().string()),
+                                                 entry.last_write_time()};
+    }
+    return files;
+  }
+  // The old queue as a service leaves it that was killed: with two jobs, the second one only
+  // in a file beside it, or to be taken back.
+  void makeOldOf(const std::string& journal) {
+    const std::string other = folder / "running.db";
+    const OtherConnection running(other);
+    running.run("PRAGMA journal_mode=" + journal +
+                "; PRAGMA wal_autocheckpoint=0; PRAGMA cache_size=1; CREATE TABLE TranscodeJob "
+                "(Id INTEGER PRIMARY KEY, FileName TEXT, DateAdded INTEGER); "
+                "INSERT INTO TranscodeJob VALUES(1, '/first', 1);");
+    if (journal == "delete") running.run("BEGIN");
+    running.run("INSERT INTO TranscodeJob VALUES(2, '/second', 2);");
+    // More than fits into memory, so that the file has changed already.
+    if (journal == "delete") {
+      running.run("INSERT INTO TranscodeJob SELECT NULL, hex(randomblob(2000)), 3 FROM (VALUES "
+                  "(1),(2),(3),(4),(5),(6),(7),(8),(9)), (VALUES (1),(2),(3),(4),(5),(6),(7))");
+    }
+    for (const char* suffix : {"", "-wal", "-journal"}) {
+      if (fs::exists(other + suffix)) fs::copy_file(other + suffix, oldPath() + suffix);
+    }
+    if (journal == "delete") running.run("ROLLBACK");
+  }
+  static size_t importFolders() {
+    size_t count = 0;
+    for (const auto& entry : fs::directory_iterator(fs::temp_directory_path()))
+      count += entry.path().filename().string().starts_with("xcode_import_") ? 1U : 0U;
+    return count;
+  }
   void makeTable() {
     OtherConnection(oldPath()).run(
         "CREATE TABLE TranscodeJob (Id INTEGER PRIMARY KEY, FileName TEXT, DestFileName TEXT, "
@@ -195,4 +238,137 @@ TEST_F(LegacyImport, AFileWithoutTheTableIsRefused) {
   EXPECT_EQ(store->import_43x_DB(oldPath()), 1);
   EXPECT_TRUE(log.has("file is not a database\n"));
   EXPECT_THAT(jobs(), IsEmpty());
+}
+
+TEST_F(LegacyImport, TheOldFileAndItsFolderStayAsTheyAre) {
+  makeTable();
+  addOld("/a", 1);
+  const auto before = oldFiles();
+  EXPECT_EQ(store->import_43x_DB(oldPath()), 0);
+  EXPECT_EQ(places().size(), 1U);
+  EXPECT_EQ(oldFiles(), before);
+}
+
+TEST_F(LegacyImport, AWriteAheadLogIsReadAndStaysAsItIs) {
+  makeOldOf("wal");
+  ASSERT_GT(fs::file_size(oldPath() + "-wal"), 0U);
+  const auto before = oldFiles();
+  const size_t copies = importFolders();
+  EXPECT_EQ(store->import_43x_DB(oldPath()), 0);
+  EXPECT_THAT(places(), ElementsAre("first:1", "second:2"));
+  EXPECT_EQ(oldFiles(), before);
+  EXPECT_EQ(importFolders(), copies);
+}
+
+TEST_F(LegacyImport, AFileWhoseWriteAheadLogIsGoneGetsNoOther) {
+  makeTable();
+  addOld("/a", 1);
+  OtherConnection(oldPath()).run("PRAGMA journal_mode=wal");
+  const auto before = oldFiles();
+  ASSERT_EQ(before.size(), 1U);
+  EXPECT_EQ(store->import_43x_DB(oldPath()), 0);
+  EXPECT_EQ(places().size(), 1U);
+  EXPECT_EQ(oldFiles(), before);
+}
+
+TEST_F(LegacyImport, AnUnfinishedTransactionIsNotTakenOverAndStaysAsItIs) {
+  makeOldOf("delete");
+  ASSERT_GT(fs::file_size(oldPath() + "-journal"), 0U);
+  const auto before = oldFiles();
+  const size_t copies = importFolders();
+  EXPECT_EQ(store->import_43x_DB(oldPath()), 0);
+  EXPECT_THAT(places(), ElementsAre("first:1"));
+  EXPECT_EQ(oldFiles(), before);
+  EXPECT_EQ(importFolders(), copies);
+}
+
+TEST_F(LegacyImport, AFolderThatCannotBeWrittenIsNoObstacle) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs to become another user";
+  makeOldOf("wal");
+  chmod((folder / "old").c_str(), 0555);
+  chmod(folder.path().c_str(), 0777);
+  chmod(dbPath().c_str(), 0666);
+  ASSERT_EQ(seteuid(65534), 0);
+  const int result = store->import_43x_DB(oldPath());
+  ASSERT_EQ(seteuid(0), 0);
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(places().size(), 2U);
+}
+
+TEST_F(LegacyImport, AFileThatMayNotBeReadIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs to become another user";
+  makeTable();
+  chmod(folder.path().c_str(), 0755);
+  chmod(oldPath().c_str(), 0600);
+  ASSERT_EQ(seteuid(65534), 0);
+  const int result = store->import_43x_DB(oldPath());
+  ASSERT_EQ(seteuid(0), 0);
+  EXPECT_EQ(result, 1);
+  EXPECT_TRUE(log.has("open " + oldPath() + " fail, can not import old db\n"));
+  EXPECT_TRUE(log.has("err log: unable to open database file\n"));
+}
+
+TEST_F(LegacyImport, APipeIsRefusedWithoutBeingOpened) {
+  ASSERT_EQ(mkfifo(oldPath().c_str(), 0600), 0);
+  EXPECT_EQ(store->import_43x_DB(oldPath()), 1);
+  EXPECT_TRUE(log.has(oldPath() + " is not a regular file\n"));
+}
+
+TEST_F(LegacyImport, AViewIsNotTheTable) {
+  OtherConnection(oldPath()).run(
+      "CREATE VIEW TranscodeJob AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) "
+      "SELECT i AS Id, 'x' AS FileName, i AS DateAdded FROM n");
+  EXPECT_EQ(store->import_43x_DB(oldPath()), 1);
+  EXPECT_TRUE(log.hasPart("sqlite3_exec 'SELECT * FROM TranscodeJob"));
+  EXPECT_THAT(jobs(), IsEmpty());
+}
+
+TEST_F(LegacyImport, ValuesOfAnyTypeAreTakenAsText) {
+  // Without types of its own, so that the values keep theirs.
+  OtherConnection(oldPath()).run(
+      "CREATE TABLE TranscodeJob (Id, FileName, DestFileName, DateAdded, Status, Jobflag, "
+      "Duration, "
+      "iWidth, RotationDegree, Mediatype, SubtitleName);"
+      "INSERT INTO TranscodeJob VALUES(1, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, "
+      "NULL), (2, 17, 1.5, 1, 'text', '12abc', 3.9, -1, x'3435', '1', x'ff00'), (3, '/big', '', 2, "
+      "'9223372036854775807', '99999999999999999999', 1e300, '', '', 0, '')");
+  EXPECT_EQ(store->import_43x_DB(oldPath()), 0);
+  const std::vector<KxDBTaskParam> rows = jobs();
+  ASSERT_EQ(rows.size(), 3U);
+  EXPECT_EQ(rows[0].src, "");
+  EXPECT_EQ(rows[0].status, 0);
+  EXPECT_EQ(rows[0].mediaType, 1);
+  EXPECT_EQ(rows[1].src, "17");
+  EXPECT_EQ(rows[1].dst, "1.5");
+  EXPECT_EQ(rows[1].status, 0);
+  EXPECT_EQ(rows[1].jobFlag, 12U);
+  EXPECT_EQ(rows[1].duration, 3);
+  EXPECT_EQ(rows[1].width, -1);
+  EXPECT_EQ(rows[1].rotation, 45);
+  EXPECT_EQ(rows[1].mediaType, 2);
+  EXPECT_EQ(rows[2].src, "/big");
+}
+
+TEST_F(LegacyImport, AHugeTextIsTakenOverWhole) {
+  makeTable();
+  OtherConnection(oldPath()).run("INSERT INTO TranscodeJob (FileName, DateAdded) VALUES "
+                                 "(hex(zeroblob(3000000)), 1), ('/b', 2)");
+  EXPECT_EQ(store->import_43x_DB(oldPath()), 0);
+  ASSERT_EQ(jobs().size(), 2U);
+  EXPECT_EQ(jobs()[0].src, std::string(6000000, '0'));
+}
+
+TEST_F(LegacyImport, AFileThatIsDamagedInTheMiddleLeavesTheQueueAsItWas) {
+  makeTable();
+  OtherConnection(oldPath()).run(
+      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
+      "INSERT INTO TranscodeJob (FileName, DateAdded) SELECT '/' || hex(zeroblob(100)) || i, i "
+      "FROM n");
+  std::string bytes = kxtest::readFile(oldPath());
+  bytes.replace(bytes.size() / 2, 8192, 8192, '\xff');
+  kxtest::writeFile(oldPath(), bytes);
+  queueSource("s.mp3");
+  EXPECT_EQ(store->import_43x_DB(oldPath()), 1);
+  EXPECT_TRUE(log.has("database disk image is malformed\n"));
+  EXPECT_THAT(places(), ElementsAre("s:1"));
 }
