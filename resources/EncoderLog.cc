@@ -62,6 +62,9 @@ constexpr std::array<std::string_view, 23> kStatistics = {"frame I:",
 
 // Lines that only repeat that a step failed; the component before them said why.
 constexpr std::string_view kRepetition = "Error initializing output stream";
+// A line of the encoder itself that says why, and its guess at a cause.
+constexpr std::string_view kHeaderFault = "Could not write header";
+constexpr std::string_view kGuess = " (incorrect codec parameters ?)";
 // What an encoder advises to those who typed its command.
 constexpr std::string_view kAdvice = " (check -ss";
 
@@ -92,9 +95,10 @@ bool tellsNothing(const LogLine& line) {
 }
 
 std::string forPeople(const LogLine& line) {
-  const std::string_view text = line.text.substr(0, line.text.find(kAdvice));
-  return oneLine(line.component.empty() ? std::string(text)
-                                        : std::string(line.component) + ": " + std::string(text));
+  std::string text(line.text.substr(0, line.text.find(kAdvice)));
+  const size_t guess = text.find(kGuess);
+  if (guess != std::string::npos) text.erase(guess, kGuess.size());
+  return oneLine(line.component.empty() ? text : std::string(line.component) + ": " + text);
 }
 
 std::string tailOf(const std::string& path) {
@@ -132,7 +136,8 @@ std::string complaintOf(const std::string& logPath) {
       repetition = line;
       continue;
     }
-    const bool isUnrelated = !repetition.text.empty() && line.component.empty();
+    const bool isUnrelated =
+        !repetition.text.empty() && line.component.empty() && !line.text.starts_with(kHeaderFault);
     return forPeople(isUnrelated ? repetition : line);
   }
   return forPeople(repetition);

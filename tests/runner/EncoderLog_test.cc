@@ -43,6 +43,14 @@ TEST(EncoderLog, AFullDiskIsTheReasonThoughStatisticsFollow) {
             "Error closing file /m/o.mp4: No space left on device");
 }
 
+TEST(EncoderLog, AFullDiskIsTheReasonAlsoWhenTheFileCannotBeBegun) {
+  EXPECT_EQ(complaint("[libx264 @ 0x55d0c51d0a40] profile High, level 1.0\n"
+                      "Could not write header for output file #0 (incorrect codec parameters ?): "
+                      "No space left on device\n"
+                      "Error initializing output stream 0:0 -- \nConversion failed!\n"),
+            "Could not write header for output file #0: No space left on device");
+}
+
 TEST(EncoderLog, TheEncodersOwnLastWordIsTaken) {
   EXPECT_EQ(complaint("Output file is empty, nothing was encoded (check -ss / -t / -frames "
                       "parameters if used)\nConversion failed!\n"),
