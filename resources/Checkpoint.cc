@@ -19,14 +19,20 @@
 #include "engines/WorkFolder.h"
 #include "resources/RunnerLog.h"
 
+extern "C" {
+#include <libavutil/crc.h>
+}
+
 namespace runner {
 namespace {
 
 constexpr const char* kPrefix = "checkpoint_";
 constexpr const char* kNew = "new_";
+constexpr const char* kSum = "sum_";
 constexpr const char* kOwner = "owner";
 constexpr const char* kParameters = "parameters";
 constexpr off_t kSyncStep = off_t{32} << 20;
+constexpr size_t kReadStep = size_t{1} << 20;
 
 struct CloseDir {
   void operator()(DIR* folder) const { closedir(folder); }
@@ -46,6 +52,30 @@ std::string textOf(const std::string& path) {
   std::ostringstream text;
   text << file.rdbuf();
   return text.str();
+}
+
+// The name of what goes with a file, beside it.
+std::string beside(const std::string& name, const char* prefix) {
+  const size_t base = name.rfind('/') + 1;
+  return name.substr(0, base) + prefix + name.substr(base);
+}
+
+// Length and sum of a file's bytes. Nothing when it cannot be read or goOn() turned false.
+std::optional<std::string> sumOf(const std::string& path, const std::function<bool()>& goOn) {
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) return std::nullopt;
+  const AVCRC* table = av_crc_get_table(AV_CRC_32_IEEE_LE);
+  std::vector<uint8_t> bytes(kReadStep);
+  uint32_t sum = UINT32_MAX;
+  int64_t length = 0;
+  while (goOn()) {
+    const ssize_t count = read(file.get(), bytes.data(), bytes.size());
+    if (count < 0) return std::nullopt;
+    if (count == 0) return std::to_string(length) + " " + std::to_string(sum);
+    sum = av_crc(table, sum, bytes.data(), static_cast<size_t>(count));
+    length += count;
+  }
+  return std::nullopt;
 }
 
 // The same for the same path on every machine and in every build.
@@ -162,8 +192,7 @@ void Checkpoint::removeNew(const std::string& below) const {
 }
 
 std::string Checkpoint::newName(const std::string& name) const {
-  const size_t base = name.rfind('/') + 1;
-  return path(name.substr(0, base)) + kNew + name.substr(base);
+  return path(beside(name, kNew));
 }
 
 std::string Checkpoint::text(const std::string& name) const {
@@ -185,16 +214,25 @@ bool Checkpoint::openPart(const std::string& name, const std::string& parameters
     return true;
   }
   remove(name.substr(0, name.size() - 1));
-  return makeFolder(path(name)) && keepText(parameters, name + kParameters);
+  if (!makeFolder(path(name)) || !keepText(parameters, name + kParameters)) return false;
+  syncFolder(m_folder);
+  return true;
 }
 
-bool Checkpoint::has(const std::string& name) const {
-  struct stat info {};
-  return stat(path(name).c_str(), &info) == 0;
+bool Checkpoint::isWhole(const std::string& name, const std::function<bool()>& goOn) const {
+  const auto sum = sumOf(path(name), goOn);
+  return sum && *sum == text(beside(name, kSum));
 }
 
+// The sum comes first: a file without one would pass for a damaged one.
 bool Checkpoint::keep(const std::string& from, const std::string& name,
                       const std::function<bool()>& goOn) const {
+  const auto sum = sumOf(from, goOn);
+  return sum && keepText(*sum, beside(name, kSum)) && place(from, name, goOn);
+}
+
+bool Checkpoint::place(const std::string& from, const std::string& name,
+                       const std::function<bool()>& goOn) const {
   const std::string to = path(name);
   if (!syncToDisk(from, goOn) || rename(from.c_str(), to.c_str()) != 0) return false;
   syncFolder(to.substr(0, to.rfind('/')));
@@ -208,11 +246,12 @@ bool Checkpoint::keepText(const std::string& text, const std::string& name) cons
     file << text;
     if (!file.flush()) return false;
   }
-  return keep(fresh, name, [] { return true; });
+  return place(fresh, name, [] { return true; });
 }
 
 void Checkpoint::remove(const std::string& name) const {
   removeAll(path(name));
+  removeAll(path(beside(name, kSum)));
 }
 
 void removeCheckpoints(int64_t job) {

@@ -221,9 +221,21 @@ std::optional<ChildGroup::Ended> ChildGroup::waitForOne(const std::function<void
   return std::nullopt;
 }
 
-int ChildGroup::percent(int key) const {
-  const auto found = std::ranges::find_if(
+ChildGroup::Members::const_iterator ChildGroup::find(int key) const {
+  return std::ranges::find_if(
       m_members, [key](const std::unique_ptr<Member>& member) { return member->key == key; });
+}
+
+void ChildGroup::end(int key) {
+  const auto found = find(key);
+  if (found == m_members.end()) return;
+  endChildren({&(*found)->child});
+  m_members.erase(found);
+  showFirst();
+}
+
+int ChildGroup::percent(int key) const {
+  const auto found = find(key);
   return found == m_members.end() ? 0 : (*found)->progress.percent().value_or(0);
 }
 

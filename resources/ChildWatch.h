@@ -62,6 +62,8 @@ class ChildGroup {
   // or the run has to end: they are all ended then.
   // @param onProgress called once a second, may be empty
   std::optional<Ended> waitForOne(const std::function<void()>& onProgress);
+  // Ends a child that nobody waits for any more; one that is gone is no mistake.
+  void end(int key);
   // How far a child is, as last asked; 0 when it is gone or does not tell.
   int percent(int key) const;
 
@@ -70,6 +72,7 @@ class ChildGroup {
   using Members = std::vector<std::unique_ptr<Member>>;
 
   std::vector<ChildProcess*> children() const;
+  Members::const_iterator find(int key) const;
   Ended take(Members::iterator member, const ChildEnd& end);
   void stopAll();
   void showFirst();

@@ -15,6 +15,7 @@ constexpr double kRoundingSafety = 0.01;
 // The encoder takes a longer gap for a break of the time stamps.
 constexpr double kLongestGap = 5.0;  // seconds
 constexpr const char* kPlanHead = "pieces";
+constexpr const char* kPlanEnd = "end";
 
 double rateOf(const VideoTimes& source) {
   return static_cast<double>(source.rateNum) / source.rateDen;
@@ -141,6 +142,7 @@ std::string textOfPlan(const CutPlan& plan) {
     text << piece.packets << ' ' << piece.frames << ' ' << piece.padStart << ' ' << piece.padEnd
          << '\n';
   }
+  text << kPlanEnd << '\n';
   return text.str();
 }
 
@@ -153,8 +155,9 @@ CutPlan planOfText(const std::string& text) {
   for (PiecePlan piece; plan.pieces.size() < count &&
                         words >> piece.packets >> piece.frames >> piece.padStart >> piece.padEnd;)
     plan.pieces.push_back(piece);
-  const bool whole = words && head == kPlanHead && count >= 2 && plan.pieces.size() == count &&
-                     plan.rateNum > 0 && plan.rateDen > 0;
+  std::string end;
+  const bool whole = words >> end && end == kPlanEnd && head == kPlanHead && count >= 2 &&
+                     plan.pieces.size() == count && plan.rateNum > 0 && plan.rateDen > 0;
   return whole ? plan : refused("the plan is damaged");
 }
 

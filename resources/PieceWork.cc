@@ -66,7 +66,7 @@ struct PieceWork::Task {
   Engine& engine;
   size_t piece;
   std::vector<PieceBranch*> branches;
-  std::vector<std::unique_ptr<Encoder>> encoders;  // of the branches, in their order
+  std::vector<std::unique_ptr<Encoder>> encoders;  // in their order; fewer when one has a fault
 
   const Encoder& first() const { return *encoders.front(); }
 };
@@ -95,16 +95,28 @@ void PieceWork::run(const std::vector<PieceBranch*>& branches, const OtherEnd& o
       m_tasks.clear();
       return;
     }
-    const auto task = m_tasks.find(ended->key);
-    if (task == m_tasks.end()) {
+    if (const auto task = m_tasks.extract(ended->key)) {
+      settle(*task.mapped(), ended->end);
+    } else {
       onOther(*ended);
-      startTasks();
+    }
+    endUnwantedTasks();
+    startTasks();
+  }
+}
+
+// A profile that was given up goes whole without waiting for its other pieces.
+void PieceWork::endUnwantedTasks() {
+  for (auto task = m_tasks.begin(); task != m_tasks.end();) {
+    const bool isWanted = std::ranges::any_of(
+        task->second->branches, [](const PieceBranch* branch) { return branch->fault.empty(); });
+    if (isWanted) {
+      ++task;
       continue;
     }
-    const std::unique_ptr<Task> done = std::move(task->second);
-    m_tasks.erase(task);
-    settle(*done, ended->end);
-    startTasks();
+    m_group.end(task->first);
+    ++task->second->engine.slots;
+    task = m_tasks.erase(task);
   }
 }
 
@@ -117,33 +129,41 @@ bool PieceWork::hasSlot(const Engine& engine) const {
   return all - engine.slots < std::max(1, all - others);
 }
 
+// What does not start on one resource may be free for another that was asked before it.
 void PieceWork::startTasks() {
-  for (const auto& engine : m_engines) {
-    while (engine->isUsable && hasSlot(*engine) && startTaskOn(*engine)) {
+  for (bool again = true; again;) {
+    again = false;
+    for (const auto& engine : m_engines) {
+      while (engine->isUsable && hasSlot(*engine) && startTaskOn(*engine)) again = true;
     }
   }
 }
 
+// @return false when there is nothing for the resource to do
 bool PieceWork::startTaskOn(Engine& engine) {
   for (size_t piece = 0; piece < m_source.plan.pieces.size(); ++piece) {
     const std::vector<PieceBranch*> branches = chooseFor(engine, piece);
     if (branches.empty()) continue;
     if (!useEngine(engine)) return false;
-    std::unique_ptr<Task> task = prepare(engine, piece, branches);
-    const int pid = task ? launch(*task) : -1;
-    if (pid <= 0) {
-      for (PieceBranch* branch : branches) branch->fault = "the encoder could not be started";
-      continue;
-    }
-    --engine.slots;
-    const KxTranscoder& transcoder = task->first().transcoder;
-    m_group.add(m_nextKey, pid,
-                {[&asked = task->encoders.front()->transcoder] { return asked.getProgress(); },
-                 {transcoder.getProgressLogPath(), task->first().output}});
-    m_tasks.emplace(m_nextKey++, std::move(task));
+    startTask(prepare(engine, piece, branches));
     return true;
   }
   return false;
+}
+
+void PieceWork::startTask(std::unique_ptr<Task> task) {
+  const int pid = launch(*task);
+  if (pid <= 0) {
+    for (PieceBranch* branch : task->branches)
+      fail(*task, *branch, "the encoder could not be started");
+    return;
+  }
+  --task->engine.slots;
+  KxTranscoder& transcoder = task->encoders.front()->transcoder;
+  m_group.add(m_nextKey, pid,
+              {[&transcoder] { return transcoder.getProgress(); },
+               {transcoder.getProgressLogPath(), task->first().output}});
+  m_tasks.emplace(m_nextKey++, std::move(task));
 }
 
 std::vector<PieceBranch*> PieceWork::chooseFor(const Engine& engine, size_t piece) {
@@ -189,13 +209,16 @@ std::unique_ptr<PieceWork::Task> PieceWork::prepare(Engine& engine, size_t piece
     encoder->output = m_source.checkpoint.newName(m_source.result(*branch, piece));
     TranscodeParam param =
         pieceParam(branch->branch->profile->transcoder(), input, encoder->output);
-    if (encoder->transcoder.init(param) != 0) return nullptr;
+    // A card that cannot make the sound refuses the command, though a piece has none.
+    if (!engine.isCpu) param.m_aCodecId = KX_CODEC_MP3;
+    if (encoder->transcoder.init(param) != 0) return task;
     task->encoders.push_back(std::move(encoder));
   }
   return task;
 }
 
 int PieceWork::launch(Task& task) {
+  if (task.encoders.size() < task.branches.size()) return -1;
   if (task.engine.isCpu) return launchOnCpu(task);
   return task.encoders.front()->transcoder.transcode(task.engine.resource, true);
 }
@@ -214,6 +237,8 @@ int PieceWork::launchOnCpu(Task& task) {
 
 void PieceWork::settle(Task& task, const ChildEnd& end) {
   ++task.engine.slots;
+  // A card that hung once would hold up every piece that it gets.
+  if (end.kind == ChildEnd::Kind::Stalled && !task.engine.isCpu) task.engine.isUsable = false;
   std::string childFault;
   if (!end.ok()) {
     const std::string line = complaintOf(task.first().transcoder.getProgressLogPath());

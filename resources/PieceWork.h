@@ -37,8 +37,9 @@ struct CutSource {
 };
 
 // Makes the missing results of pieces, side by side on all resources, registered on each one that
-// is used. A piece that a resource fails on goes to the next one; a profile whose piece all
-// resources fail on is given up, and the rest goes on. Used by the runner's thread alone.
+// is used. A piece that a resource fails on goes to the next one; a card that makes no progress
+// gets no more of them. A profile whose piece all resources fail on is given up, and the rest goes
+// on. Used by the runner's thread alone.
 class PieceWork {
  public:
   // @param isShared several profiles of a piece from one decoding where the CPU makes them
@@ -64,6 +65,8 @@ class PieceWork {
   bool hasSlot(const Engine& engine) const;
   void startTasks();
   bool startTaskOn(Engine& engine);
+  void startTask(std::unique_ptr<Task> task);
+  void endUnwantedTasks();
   std::vector<PieceBranch*> chooseFor(const Engine& engine, size_t piece);
   bool isFree(const PieceBranch& branch, size_t piece, const Engine& engine) const;
   std::unique_ptr<Task> prepare(Engine& engine, size_t piece,

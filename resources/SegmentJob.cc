@@ -42,20 +42,20 @@ SegmentJob::SegmentJob(const VideoContext& video) : m_video(video), m_group(vide
 SegmentJob::~SegmentJob() = default;
 
 uint64_t SegmentJob::run() {
-  if (!isTurnedOn("SEGMENT") || !isWorthwhile()) return 0;
+  if (isTurnedOn("SEGMENT") && isWorthwhile()) makeByPieces();
+  // What goes whole from here on may need the room.
+  if (goOn()) removeCheckpoints(m_video.run.job().id);
+  return m_done;
+}
+
+void SegmentJob::makeByPieces() {
   m_branches = collectBranches(m_video, m_done);
   openBranches(m_branches);
-  if (m_branches.empty() || !goOn()) return m_done;
+  if (m_branches.empty() || !goOn()) return;
   const std::string fault = prepare();
-  if (!goOn()) return m_done;
-  if (!fault.empty()) {
-    KX_RUNNER_LOG("%s goes whole: %s\n", m_video.run.job().src.c_str(), fault.c_str());
-    m_checkpoint.reset();
-    removeCheckpoints(m_video.run.job().id);
-    return m_done;
-  }
-  makeAll();
-  return m_done;
+  if (!goOn()) return;
+  if (fault.empty()) return makeAll();
+  KX_RUNNER_LOG("%s goes whole: %s\n", m_video.run.job().src.c_str(), fault.c_str());
 }
 
 // What the commands that cut and join would do wrong.
@@ -140,7 +140,7 @@ std::string SegmentJob::continueCut() {
   for (size_t piece = 0; fault.empty() && piece < m_plan.pieces.size(); ++piece) {
     const bool isMade = std::ranges::all_of(
         m_pieceBranches, [piece](const PieceBranch& branch) { return branch.made[piece]; });
-    if (!isMade && !m_checkpoint->has(m_source->piece(piece))) fault = "a piece is missing";
+    if (!isMade && !isWhole(m_source->piece(piece))) fault = "a piece is missing";
   }
   if (!fault.empty()) return fault;
   size_t made = 0;
@@ -148,7 +148,7 @@ std::string SegmentJob::continueCut() {
     made += static_cast<size_t>(std::ranges::count(branch.made, true));
   KX_RUNNER_LOG_LEVEL(4, "%s goes on with %zu of %zu pieces made\n", m_video.run.job().src.c_str(),
                       made, m_plan.pieces.size() * m_pieceBranches.size());
-  return m_checkpoint->has(kSoundFile) ? "" : startSound();
+  return isWhole(kSoundFile) ? "" : startSound();
 }
 
 std::string SegmentJob::cut() {
@@ -217,6 +217,9 @@ void SegmentJob::onSoundEnd(const ChildGroup::Ended& ended) {
                                  [this] { return goOn(); })) {
     m_soundFault = "the sound cannot be kept";
   }
+  // Without it all pieces would be made for nothing.
+  for (PieceBranch& branch : m_pieceBranches)
+    if (branch.fault.empty()) branch.fault = m_soundFault;
 }
 
 std::string SegmentJob::waitForSound() {
@@ -244,9 +247,13 @@ std::string SegmentJob::openResults() {
   return "";
 }
 
+bool SegmentJob::isWhole(const std::string& name) const {
+  return m_checkpoint->isWhole(name, [this] { return goOn(); });
+}
+
 bool SegmentJob::isIntact(const PieceBranch& branch, size_t piece) const {
   const std::string name = m_source->result(branch, piece);
-  if (!m_checkpoint->has(name)) return false;
+  if (!isWhole(name)) return false;
   const auto times = readVideoTimes(m_checkpoint->path(name), [this] { return goOn(); });
   const bool isLast = piece + 1 == m_plan.pieces.size();
   return times && framesFault(*times, m_plan, m_plan.pieces[piece].frames, isLast).empty();

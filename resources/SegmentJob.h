@@ -30,6 +30,7 @@ class SegmentJob {
   uint64_t run();
 
  private:
+  void makeByPieces();
   std::string obstacle() const;
   bool isWorthwhile();
   bool hasRoom();
@@ -42,6 +43,7 @@ class SegmentJob {
   void onSoundEnd(const ChildGroup::Ended& ended);
   std::string waitForSound();
   std::string openResults();
+  bool isWhole(const std::string& name) const;
   bool isIntact(const PieceBranch& branch, size_t piece) const;
   void makeAll();
   void make(const std::vector<PieceBranch*>& branches);

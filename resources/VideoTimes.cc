@@ -12,8 +12,10 @@ AVStream* firstVideo(const AVFormatContext& context) {
   return nullptr;
 }
 
+// A packet that the end of the file cuts off is marked as corrupt.
 bool isShown(const AVPacket& packet) {
-  return packet.pts != AV_NOPTS_VALUE && (packet.flags & AV_PKT_FLAG_DISCARD) == 0;
+  constexpr int kUnusable = AV_PKT_FLAG_DISCARD | AV_PKT_FLAG_CORRUPT;
+  return packet.pts != AV_NOPTS_VALUE && (packet.flags & kUnusable) == 0;
 }
 
 double inSeconds(int64_t count, const AVRational& base) {

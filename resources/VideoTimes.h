@@ -17,7 +17,7 @@ struct VideoTimes {
 };
 
 // Reads every packet of the first video stream. Nothing when the file cannot be read to its
-// end, a picture has no time or is hidden, or goOn() turned false.
+// end, a picture has no time, is hidden or is not complete, or goOn() turned false.
 std::optional<VideoTimes> readVideoTimes(const std::string& path,
                                          const std::function<bool()>& goOn);
 

@@ -79,7 +79,9 @@ TEST(CutPlan, SurvivesBeingWritten) {
   EXPECT_EQ(read.fault, "");
   EXPECT_EQ(read.pieces, plan.pieces);
   EXPECT_EQ(read.rateNum, 25);
-  EXPECT_NE(planOfText(text.substr(0, text.size() - 4)).fault, "");
+  for (size_t length = 0; length + 1 < text.size(); ++length)
+    EXPECT_NE(planOfText(text.substr(0, length)).fault, "") << length;
+  EXPECT_NE(planOfText(std::string(text.size(), '\0')).fault, "");
   EXPECT_NE(planOfText("").fault, "");
 }
 

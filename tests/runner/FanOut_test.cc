@@ -169,6 +169,79 @@ TEST_F(FanOut, AStopEndsTheSharedEncoder) {
   EXPECT_EQ(world.registrations(), 0u);
 }
 
+TEST_F(FanOut, ASuspendedJobMakesAllOfThemLater) {
+  world.configure("FANOUT=1\n");
+  recordCommands("exec ffmpeg -nostdin -re \"$@\"\n");
+  makeClip(world.media("film.mp4"), 160, 120, 30);
+  const KxDBTaskParam job = world.addJob(world.media("film.mp4"), PROFILE_240P | PROFILE_360P);
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return encoders().size() == 1; }));
+  world.pending(job);
+  ASSERT_TRUE(waitUntil([&] { return world.registrations() == 0; }));
+  EXPECT_FALSE(fs::exists(result("film.mp4.mobile240p.mp4")));
+  recordCommands("exec ffmpeg -nostdin \"$@\"\n");
+  world.resume(job);
+  ASSERT_TRUE(world.waitForUnits());
+  expectDone(world.row(job.id));
+  EXPECT_THAT(encoders(), ElementsAre(2, 2));
+}
+
+TEST_F(FanOut, AStopBetweenTheResultsKeepsThoseInPlace) {
+  world.configure("FANOUT=1\n");
+  // The rotation is taken out of each result by itself; the second time never ends.
+  recordCommands("[ $results -eq 0 ] && [ \"$(grep -c '^0$' '" + world.root().path() +
+                 "/commands')\" = 2 ] && exec sleep 600\nexec ffmpeg -nostdin \"$@\"\n");
+  const std::string film = clip("film.mp4");
+  const KxDBTaskParam job = world.addJob(film, PROFILE_240P | PROFILE_360P,
+                                         [](KxDBTaskParam& asked) { asked.rotation = 90; });
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return encoders().size() == 3; }));
+  world.stop(job.id);
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_EQ(world.row(job.id).status, JOB_WAITING);
+  EXPECT_TRUE(decodesClean(result("film.mp4.mobile240p.90.mp4")));
+  EXPECT_FALSE(fs::exists(result("film.mp4.mobile360p.90.mp4")));
+  EXPECT_THAT(world.leftovers(), IsEmpty());
+  forgetEncoders();
+  recordCommands("exec ffmpeg -nostdin \"$@\"\n");
+  expectDone(world.runAgain(world.row(job.id)));
+  EXPECT_THAT(encoders(), ElementsAre(1, 0));
+}
+
+TEST_F(FanOut, SubtitlesAreDrawnAsInSingleOnes) {
+  const std::string text = "1\n00:00:00,000 --> 00:00:01,000\nA LONG LINE OF TEXT\n";
+  writeFile(world.media("text.srt"), text);
+  fs::copy_file(std::string(KX_BUILD_DIR) + "/tools/subpull",
+                world.root().file("/usr/local/medialibrary/bin/subpull"));
+  for (const bool isEmbedded : {false, true}) {
+    const std::string kind = isEmbedded ? "embedded" : "external";
+    const std::string single = clip(kind + "1.mp4");
+    if (isEmbedded) {
+      ASSERT_TRUE(kxtest::run({"ffmpeg", "-nostdin", "-v", "error", "-i", single, "-i",
+                               world.media("text.srt"), "-c", "copy", "-c:s", "mov_text",
+                               world.media("with.mp4")}));
+      fs::rename(world.media("with.mp4"), single);
+    }
+    const std::string shared = world.media(kind + "2.mp4");
+    fs::copy_file(single, shared);
+    const auto ask = [&](KxDBTaskParam& job) {
+      if (isEmbedded) job.sid = 0;
+      if (!isEmbedded) job.subtitle = world.media("text.srt");
+    };
+    expectDone(world.run(single, PROFILE_240P, ask));
+    expectDone(world.run(single, PROFILE_240P | PROFILE_360P, ask));
+    forgetEncoders();
+    world.configure("FANOUT=1\n");
+    expectDone(world.run(shared, PROFILE_240P | PROFILE_360P, ask));
+    // A track is extracted first, once for all.
+    EXPECT_EQ(encoders(), isEmbedded ? std::vector<int>({0, 2}) : std::vector<int>({2})) << kind;
+    for (const char* profile : {".mobile240p.mp4", ".mobile360p.mp4"}) {
+      EXPECT_EQ(picturesOf(result(kind + "2.mp4" + profile)),
+                picturesOf(result(kind + "1.mp4" + profile)));
+    }
+  }
+}
+
 TEST_F(FanOut, TheUnitShowsTheSharedEncoder) {
   world.configure("FANOUT=1\n");
   recordCommands("exec ffmpeg -nostdin -re \"$@\"\n");
