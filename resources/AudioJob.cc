@@ -92,6 +92,7 @@ std::string AudioJob::encode(const TransConfigEntry& config, TemporaryFile& file
   MusicTranscodeParam param = audioParam(m_run.job(), config);
   param.m_outFile = file.path();
   append(param.m_extraCmds, sourceArguments(m_source.info));
+  append(param.m_extraCmds, soundArguments(param.m_inFile, m_source.info, param.m_aid));
   append(param.m_extraCmds, coverArguments(m_source.info));
   append(param.m_extraCmds, tagArguments(param.m_inFile, param.m_aid));
   KxMusicTranscoder transcoder;

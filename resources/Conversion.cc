@@ -2,6 +2,7 @@
 
 #include "KxHostPlatform.h"
 #include "resources/EncoderLog.h"
+#include "resources/MediaTimes.h"
 
 namespace runner {
 
@@ -34,6 +35,19 @@ std::vector<std::string> sourceArguments(const KxMediaInfo& info) {
   constexpr int32_t kDvdFolder = 1;
   if (info.m_mediaType != kDvdFolder) return {};
   return {"-dts_delta_threshold", "1"};
+}
+
+bool isPackedSound(const KxStream& audio) {
+  constexpr int32_t kAmrNarrowBand = 73728;
+  constexpr int32_t kAmrWideBand = 73729;
+  return !audio.m_isEmpty && (audio.m_codecId == kAmrNarrowBand || audio.m_codecId == kAmrWideBand);
+}
+
+std::vector<std::string> soundArguments(const std::string& path, KxMediaInfo& info, int track) {
+  if (!isPackedSound(info.getAudioTrack(track))) return {};
+  const auto times = readTimes(path, false);
+  const StreamTimes* sound = times ? times->find(StreamTimes::Kind::Audio, track) : nullptr;
+  return {"-unpack_sound", std::to_string(sound == nullptr ? 0 : sound->start)};
 }
 
 std::string faultOfResult(JobRun& run, const ProbedSource& source, const ExpectedResult& expected,

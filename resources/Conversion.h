@@ -55,6 +55,12 @@ std::string missingTrack(const char* kind, int track, int count);
 // Arguments that a source's kind asks of every encoder that reads it.
 std::vector<std::string> sourceArguments(const KxMediaInfo& info);
 
+// True for sound whose packets may hold several frames each, as phones write them. The encoder
+// decodes only the first one, so such sound has to be unpacked for it.
+bool isPackedSound(const KxStream& audio);
+// Arguments that make the service's encoder unpack the sound of a source where that is needed.
+std::vector<std::string> soundArguments(const std::string& path, KxMediaInfo& info, int track);
+
 // Judges a result against the source that it was made from.
 std::string faultOfResult(JobRun& run, const ProbedSource& source, const ExpectedResult& expected,
                           const std::string& result);

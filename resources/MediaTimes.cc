@@ -38,7 +38,24 @@ bool isTurned(const AVStream& stream) {
   return tag != nullptr && atoi(tag->value) % 360 != 0;
 }
 
-StreamTimes timesOf(const AVStream& stream) {
+double startOf(const AVStream& stream, int64_t earliest) {
+  if (stream.start_time == AV_NOPTS_VALUE) return 0;
+  const int64_t start = av_rescale_q(stream.start_time, stream.time_base, {1, AV_TIME_BASE});
+  return static_cast<double>(start - earliest) / AV_TIME_BASE;
+}
+
+int64_t earliestStart(const AVFormatContext& context) {
+  int64_t earliest = INT64_MAX;
+  for (unsigned i = 0; i < context.nb_streams; ++i) {
+    const AVStream& stream = *context.streams[i];
+    if (stream.start_time == AV_NOPTS_VALUE) continue;
+    const int64_t start = av_rescale_q(stream.start_time, stream.time_base, {1, AV_TIME_BASE});
+    earliest = std::min(earliest, start);
+  }
+  return earliest;
+}
+
+StreamTimes timesOf(const AVStream& stream, int64_t earliest) {
   StreamTimes times;
   times.kind = kindOf(stream);
   times.coverArt = isCoverArt(stream);
@@ -47,6 +64,7 @@ StreamTimes timesOf(const AVStream& stream) {
   times.turned = isTurned(stream);
   times.stated = seconds(stream.duration, stream.time_base);
   times.isEmpty = times.stated <= 0 && stream.nb_frames <= 0;
+  times.start = startOf(stream, earliest);
   return times;
 }
 
@@ -120,8 +138,9 @@ std::optional<MediaTimes> readTimes(const std::string& path, bool withAnalysis) 
   if (withAnalysis && avformat_find_stream_info(context.get(), nullptr) < 0) return std::nullopt;
   MediaTimes times;
   times.stated = seconds(context->duration, {1, AV_TIME_BASE});
+  const int64_t earliest = earliestStart(*context);
   for (unsigned i = 0; i < context->nb_streams; ++i)
-    times.streams.push_back(timesOf(*context->streams[i]));
+    times.streams.push_back(timesOf(*context->streams[i], earliest));
   return times;
 }
 

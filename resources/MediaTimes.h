@@ -17,6 +17,7 @@ struct StreamTimes {
   int height = 0;
   bool turned = false;   // a player would rotate or mirror the picture
   bool isEmpty = false;  // states neither a length nor a number of frames
+  double start = 0;      // seconds after the file's earliest stream
   double stated = 0;     // seconds; 0 when the stream states none
 };
 

@@ -66,6 +66,7 @@ std::string SegmentJob::obstacle() const {
   if (videoStreams(info) != 1 || job.vid != 0) return "it has not one video track";
   if (info.getAudioTrackCount() > 1) return "it has several audio tracks";
   if (info.getAudioTrackCount() == 1 && job.aid != 0) return "its sound is not wanted";
+  if (isPackedSound(info.getAudioTrack(job.aid))) return "its sound has to be unpacked";
   if (hasAwkwardName(job.src) || hasAwkwardName(m_video.temp.pathOf("")) ||
       hasAwkwardName(engines::findTranscodeFolder()))
     return "its path has a quote, a line break or a percent sign";

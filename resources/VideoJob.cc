@@ -213,6 +213,9 @@ bool VideoJob::convertVideo(const TransConfigEntry& config) {
 }
 
 Attempt VideoJob::encodeOn(KxResource2& resource, VideoProfile& profile) {
+  const bool isCpu = resource.resType == RES2_SW_CPU;
+  if (!isCpu && isPackedSound(m_source.info.getAudioTrack(m_expected.audioTrack)))
+    return {false, "only the CPU's encoder reads the sound of this source"};
   KxTranscoder& transcoder = profile.transcoder();
   profile.file().clear();
   m_run.showProgress(0);

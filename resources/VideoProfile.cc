@@ -73,6 +73,7 @@ TranscodeParam videoParam(const KxDBTaskParam& job, const TransConfigEntry& conf
     param.m_extraCmds.insert(param.m_extraCmds.end(), arguments.begin(), arguments.end());
   };
   append(sourceArguments(info));
+  append(soundArguments(job.src, info, job.aid));
   append(coverArtCorrection(info, job.vid));
   append(engines::correctedVideoFilter(param, info));
   return param;

@@ -151,14 +151,19 @@ bool startsWith(std::string_view text, std::string_view start) {
   return text.substr(0, start.size()) == start;
 }
 
+// Protocols that an input may be read with; it names them itself only where the service does.
+std::string protocolsFor(const std::string& input) {
+  if (startsWith(input, "concat:")) return "file,concat";
+  return startsWith(input, "pipe:") ? "pipe" : "file";
+}
+
 void restrictInput(std::vector<Item>& group, const ListConverter& convertList) {
   Item& input = group.back();
   const std::string format = valueOf(group, "-f");
   std::string formats = kSelfContainedFormats;
   if (!format.empty()) formats += "," + format;
-  std::vector<Item> limits = {
-      {"-protocol_whitelist", startsWith(input.value, "concat:") ? "file,concat" : "file", true},
-      {"-format_whitelist", formats, true}};
+  std::vector<Item> limits = {{"-protocol_whitelist", protocolsFor(input.value), true},
+                              {"-format_whitelist", formats, true}};
   if (format == "concat") {
     input.value = convertList(input.value);
     limits.push_back({"-safe", "0", true});

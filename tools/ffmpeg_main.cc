@@ -9,13 +9,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "frame/UniqueFd.h"
 #include "tools/FfmpegArguments.h"
+#include "tools/PackedSound.h"
 
 namespace {
 
@@ -87,6 +90,35 @@ bool confine() {
   return prctl(PR_SET_PDEATHSIG, deathSignal) == 0 && getppid() == parent;
 }
 
+[[noreturn]] void become(const std::string& encoder, const kxtools::Words& serviceWords) {
+  const kxtools::Words words = kxtools::adaptArguments(serviceWords, convertList);
+  std::vector<char*> pointers = {const_cast<char*>(encoder.c_str())};
+  for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
+  pointers.push_back(nullptr);
+  execv(encoder.c_str(), pointers.data());
+  fprintf(stderr, "%s: %s\n", encoder.c_str(), strerror(errno));
+  _exit(127);
+}
+
+// Starts the encoder a second time, for the sound alone. It ends with this process, and at
+// the latest when nobody reads what it writes.
+// @return the descriptor to read from, which the encoder inherits; -1 on failure
+int startUnpacking(const std::string& encoder, const kxtools::Words& words) {
+  int ends[2];
+  if (pipe(ends) != 0) return -1;
+  UniqueFd readEnd(ends[0]);
+  const UniqueFd writeEnd(ends[1]);
+  const pid_t parent = getpid();
+  const pid_t child = fork();
+  if (child < 0) return -1;
+  if (child > 0) return readEnd.release();
+  readEnd.reset();
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent || dup2(writeEnd.get(), STDOUT_FILENO) < 0) _exit(127);
+  if (writeEnd.get() != STDOUT_FILENO) close(writeEnd.get());
+  become(encoder, kxtools::unpackingWords(words));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -95,16 +127,13 @@ int main(int argc, char** argv) {
     fprintf(stderr, "ffmpeg is not installed\n");
     return 127;
   }
-  const kxtools::Words words =
-      kxtools::adaptArguments(kxtools::Words(argv + 1, argv + argc), convertList);
-  std::vector<char*> pointers = {const_cast<char*>(encoder.c_str())};
-  for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
-  pointers.push_back(nullptr);
-
   unsetenv("FFREPORT");  // would write files wherever it says
   setenv("AV_LOG_FORCE_NOCOLOR", "1", 1);
   if (!confine()) return 1;
-  execv(encoder.c_str(), pointers.data());
-  fprintf(stderr, "%s: %s\n", encoder.c_str(), strerror(errno));
-  return 127;
+  const kxtools::Words words(argv + 1, argv + argc);
+  if (!kxtools::asksForUnpacking(words)) become(encoder, words);
+  const int sound = startUnpacking(encoder, words);
+  if (sound >= 0) become(encoder, kxtools::withUnpackedSound(words, sound));
+  fprintf(stderr, "the sound cannot be unpacked: %s\n", strerror(errno));
+  return 1;
 }

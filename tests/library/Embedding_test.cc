@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -11,16 +12,6 @@ namespace fs = std::filesystem;
 namespace {
 
 const std::string kSource = KX_SOURCE_DIR;
-
-constexpr bool isSanitized() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  return true;
-#elif defined(__has_feature)
-  return __has_feature(thread_sanitizer) || __has_feature(address_sanitizer);
-#else
-  return false;
-#endif
-}
 
 // The output with the errors; the exit status comes last.
 std::string outcomeOf(std::vector<std::string> command) {
@@ -32,7 +23,8 @@ std::string outcomeOf(std::vector<std::string> command) {
 }  // namespace
 
 TEST(Embedding, TheExampleIsBuiltFromWhatIsInstalledAndConvertsAVideo) {
-  if (isSanitized()) GTEST_SKIP() << "a sanitized library needs a sanitized program";
+  if (kxtest::kThreadSanitizer || kxtest::kAddressSanitizer)
+    GTEST_SKIP() << "a sanitized library needs a sanitized program";
   const kxtest::TempDir dir;
   const std::string installed = dir / "installed";
   const std::string build = dir / "build";

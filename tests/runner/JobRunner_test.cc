@@ -10,6 +10,7 @@
 #include "KxResMgr2.h"
 #include "KxTransDBMgr.h"
 #include "tests/runner/RunnerWorld.h"
+#include "tests/support/PhoneClip.h"
 
 namespace fs = std::filesystem;
 using namespace kxtest;
@@ -521,6 +522,26 @@ TEST_F(CardJob, EveryReasonIsKeptWhenAllResourcesFail) {
   EXPECT_EQ(world.reason(row.id), "mobile240p: gpu0: the encoder ended with 9: no card; "
                                   "sw_cpu: the encoder ended with 8: no cpu");
   EXPECT_TRUE(hasLine(2, "all resource transcode fail\n"));
+}
+
+TEST_F(CardJob, SoundOfAPhoneIsMadeWholeOnTheCpu) {
+  const std::string source = world.media("phone.mkv");
+  ASSERT_TRUE(kxtest::makePhoneClip(source, 4));
+  world.setEncoder("exec '" KX_BUILD_DIR "/tools/ffmpeg' \"$@\"\n");
+  expectDone(world.run(source, PROFILE_240P | PROFILE_360P | PROFILE_AUDIO),
+             "gpu0: only the CPU's encoder reads the sound of this source; done by sw_cpu");
+  for (const char* name : {"@Transcode/phone.mkv.mobile240p.mp4",
+                           "@Transcode/phone.mkv.mobile360p.mp4", "Video2audio/phone.mp3"}) {
+    // What is decoded, without the times that could hide that most of it is missing.
+    const std::string sound = world.media("sound.wav");
+    ASSERT_TRUE(kxtest::run({"ffmpeg", "-nostdin", "-v", "error", "-y", "-i", world.media(name),
+                             "-vn", "-af", "asetpts=N/SR/TB", sound}));
+    EXPECT_NEAR(std::stod(kxtest::run({"ffprobe", "-v", "error", "-show_entries", "format=duration",
+                                       "-of", "csv=p=0", sound})
+                              .value_or("0")),
+                4, 0.2)
+        << name;
+  }
 }
 
 TEST_F(CardJob, ACardThatDisappearsWhileInUseIsLeftForTheCpu) {

@@ -1,12 +1,16 @@
 #include "tools/FfmpegArguments.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <string>
 
+#include "tools/PackedSound.h"
+
 using kxtools::adaptConcatList;
 using kxtools::Words;
+using testing::ElementsAre;
 
 namespace {
 
@@ -115,6 +119,21 @@ TEST(FfmpegArguments, ReadAListOnlyWhenItIsAskedFor) {
   const Words converted =
       kxtools::adaptArguments(list, [](const std::string& path) { return path + ".new"; });
   EXPECT_NE(std::find(converted.begin(), converted.end(), "/list.txt.new"), converted.end());
+}
+
+TEST(FfmpegArguments, TakeTheSoundThatIsUnpackedInPlaceOfTheSourcesOwn) {
+  const Words words = {"-y",    "-i",     "/a.3gp",        "-map",          "0:v:0", "-map",
+                       "0:a:1", "-c:a",   "aac",           "-unpack_sound", "0.5",   "/a.mp4",
+                       "-map",  "0:a:1?", "-unpack_sound", "0.5",           "/b.mp4"};
+  ASSERT_TRUE(kxtools::asksForUnpacking(words));
+  EXPECT_THAT(kxtools::withUnpackedSound(words, 7),
+              ElementsAre("-y", "-i", "/a.3gp", "-itsoffset", "0.5", "-f", "amr", "-i", "pipe:7",
+                          "-map", "0:v:0", "-map", "1:a:0", "-c:a", "aac", "/a.mp4", "-map",
+                          "1:a:0?", "/b.mp4"));
+  EXPECT_THAT(kxtools::unpackingWords(words),
+              ElementsAre("-v", "error", "-i", "/a.3gp", "-map", "0:a:1?", "-c:a", "copy", "-f",
+                          "amr", "pipe:1"));
+  EXPECT_FALSE(kxtools::asksForUnpacking({"-i", "/a.3gp", "/a.mp4"}));
 }
 
 TEST(FfmpegArguments, TurnDoubleQuotesOfAListIntoSingleOnes) {

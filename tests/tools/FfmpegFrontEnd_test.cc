@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +12,7 @@
 
 #include "Misc.h"
 #include "frame/ChildProcess.h"
+#include "tests/support/PhoneClip.h"
 #include "tests/tools/ToolsTest.h"
 
 namespace fs = std::filesystem;
@@ -94,6 +96,32 @@ TEST_F(FfmpegFrontEnd, ReadsTheFilesOfADvdAsOne) {
   EXPECT_TRUE(encode({"-i", "concat:" + (m_dir / "a.mpg") + "|" + (m_dir / "b.mpg"), "-c", "copy",
                       "-f", "mpegts", m_dir / "out.ts"}));
   EXPECT_GT(fs::file_size(m_dir / "out.ts"), fs::file_size(m_dir / "a.mpg"));
+}
+
+TEST_F(FfmpegFrontEnd, UnpacksSoundWhosePacketsHoldSeveralFrames) {
+  ASSERT_TRUE(kxtest::makePhoneClip(m_dir / "in.mkv", 4));
+  const auto secondsOfSound = [this](const std::vector<std::string>& option) {
+    std::vector<std::string> words = {"-i", m_dir / "in.mkv", "-map", "0:a:0"};
+    words.insert(words.end(), option.begin(), option.end());
+    words.push_back(m_dir / "out.wav");
+    EXPECT_TRUE(encode(words));
+    return std::stod(probe(m_dir / "out.wav", "format=duration"));
+  };
+  EXPECT_NEAR(secondsOfSound({"-unpack_sound", "0"}), 4, 0.1);
+  EXPECT_LT(secondsOfSound({}), 1) << "the installed encoder does it by itself now";
+}
+
+TEST_F(FfmpegFrontEnd, UnpackingEndsWithTheEncoder) {
+  ASSERT_TRUE(kxtest::makePhoneClip(m_dir / "in.mkv", 60));
+  const ChildProcess encoder =
+      ChildProcess::spawn({frontEnd(), "-v", "error", "-y", "-re", "-i", m_dir / "in.mkv", "-map",
+                           "0:a:0", "-unpack_sound", "0", m_dir / "out.wav"},
+                          {});
+  const auto reads = [this] { return kxtest::run({"pgrep", "-f", m_dir / "in.mkv"}).value_or(""); };
+  ASSERT_TRUE(waitUntil([&] { return std::ranges::count(reads(), '\n') == 2; }));
+  ASSERT_EQ(kill(encoder.pid(), SIGKILL), 0) << "only the encoder itself";
+  const std::string last = std::to_string(encoder.pid()) + "\n";  // not reaped yet
+  EXPECT_TRUE(waitUntil([&] { return reads().empty() || reads() == last; })) << reads();
 }
 
 TEST_F(FfmpegFrontEnd, APlaylistCannotReadOtherFiles) {
