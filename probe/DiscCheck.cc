@@ -150,6 +150,13 @@ std::string bluRayFault(const std::string& index) {
   return fault.empty() ? endFault({stream}) : fault;
 }
 
+// People name the folder of the files where the one above is the disc.
+bool isFolderBelowTop(const std::string& path, const DiscKind& kind) {
+  const std::string folder = path.ends_with('/') ? path : path + "/";
+  const std::string name = splitPath(folder.substr(0, folder.size() - 1)).name;
+  return equalsIgnoringCase(name, kind.folder) && findEntry(folder, kind.index).has_value();
+}
+
 }  // namespace
 
 std::string discFault(const std::string& path) {
@@ -162,6 +169,8 @@ std::string discFault(const std::string& path) {
   if (dvd && (!bluRay || KxDvd().init(*dvd) == 0)) return dvdFault(*dvd);
   if (bluRay) return bluRayFault(*bluRay);
   for (const DiscKind& kind : {kDvd, kBluRay}) {
+    if (isFolderBelowTop(path, kind))
+      return std::string("the disc is the folder that holds ") + kind.folder;
     if (findEntry(path, kind.folder))
       return std::string("the disc has no ") + kind.folder + "/" + kind.index;
   }

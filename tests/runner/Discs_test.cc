@@ -380,6 +380,13 @@ TEST_P(DamagedBluRays, FailWithTheReason) {
   EXPECT_THAT(reasonOfFailure(disc.top()), HasSubstr(GetParam().reason));
 }
 
+TEST_F(Discs, TheFolderBelowTheDiscIsToldApart) {
+  EXPECT_EQ(reasonOfFailure(makeDvd("Film", DvdFolder::Names::Small).top() + "/video_ts/"),
+            "the disc is the folder that holds VIDEO_TS");
+  EXPECT_EQ(reasonOfFailure(makeBluRay("Blue").top() + "/BDMV"),
+            "the disc is the folder that holds BDMV");
+}
+
 TEST_F(Discs, DamagedTablesOfAWholeDiscDoNoHarm) {
   const DvdFolder dvd = makeDvd("Film");
   for (const char* name : {"VIDEO_TS.IFO", "VIDEO_TS.BUP", "VTS_01_0.IFO", "VTS_02_0.IFO"})

@@ -241,6 +241,43 @@ TEST_F(Subtitles, AnExtractedTrackServesAgainUntilTheVideoIsReplaced) {
   EXPECT_NE(extractedText().find("SECOND"), std::string::npos);
 }
 
+// The shipped agent, with an encoder that needs no card.
+TEST_F(Subtitles, ACardDrawsFilesAndTracksToo) {
+  world.setCards({"gpu0:maker:model:external:1"});
+  fs::copy_file(std::string(KX_BUILD_DIR) + "/tools/transcode_agent",
+                world.root().file("/usr/local/medialibrary/bin/transcode_agent"),
+                fs::copy_options::overwrite_existing);
+  setenv("KX_AGENT_ENCODER", "libx264", 1);
+  writeFile(world.media("a.srt"), srt("A LONG LINE OF TEXT"));
+  ASSERT_TRUE(
+      run({"ffmpeg", "-v", "error", "-i", world.media("film.mp4"), "-i", world.media("a.srt"),
+           "-map", "0", "-map", "1", "-c", "copy", "-c:s", "mov_text", world.media("two.mp4")}));
+  fs::rename(world.media("two.mp4"), world.media("film.mp4"));
+  const auto drawnByTheCard = [this](const std::function<void(KxDBTaskParam&)>& change) {
+    log.clear();
+    const Picture picture = drawn(change);
+    EXPECT_TRUE(log.has("resId(gpu0) transcode success\n"));
+    return picture;
+  };
+  EXPECT_EQ(drawnByTheCard({}).lit(), 0);
+  const Picture track = drawnByTheCard([](KxDBTaskParam& job) {
+    job.sid = 0;
+    job.subColor = "yellow";
+    job.subSize = 60;
+  });
+  EXPECT_GT(track.lit(), 100);
+  EXPECT_GT(track.mean(1), 2 * track.mean(2));
+  writeFile(world.media("wide.srt"), "\xff\xfe" + encodedAs(srt("HELLO"), "UTF-16LE"));
+  const Picture file = drawnByTheCard([this](KxDBTaskParam& job) {
+    job.subtitle = world.media("wide.srt");
+    job.subSize = 60;
+    job.subSeek = 2;
+  });
+  EXPECT_EQ(file.lit(), 0);
+  EXPECT_GT(pictureAt("3.5").lit(), 100);
+  unsetenv("KX_AGENT_ENCODER");
+}
+
 TEST_F(Subtitles, APlaylistInPlaceOfASubtitleFailsTheJob) {
   writeFile(world.media("other.srt"), "#EXTM3U\n/etc/passwd\n");
   const KxDBTaskParam row =
