@@ -255,7 +255,7 @@ TEST_F(Subtitles, ACardDrawsFilesAndTracksToo) {
   fs::rename(world.media("two.mp4"), world.media("film.mp4"));
   const auto drawnByTheCard = [this](const std::function<void(KxDBTaskParam&)>& change) {
     log.clear();
-    const Picture picture = drawn(change);
+    Picture picture = drawn(change);
     EXPECT_TRUE(log.has("resId(gpu0) transcode success\n"));
     return picture;
   };

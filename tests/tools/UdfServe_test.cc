@@ -19,8 +19,8 @@ namespace {
 // Serves images below a folder of its own.
 class UdfServe : public testing::Test {
  protected:
-  UdfServe() { fs::create_directory(mount()); }
-  ~UdfServe() override { runTool({"umount", "-l", mount()}); }
+  void SetUp() override { fs::create_directory(mount()); }
+  void TearDown() override { runTool({"umount", "-l", mount()}); }
 
   std::string mount() const { return m_dir / "mount"; }
   static std::string program() { return KX_BUILD_DIR "/tools/udfserve"; }
