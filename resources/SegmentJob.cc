@@ -6,6 +6,7 @@
 
 #include "Misc.h"
 #include "VelmarPlatform.h"
+#include "engines/HostFacts.h"
 #include "engines/SegmentPlan.h"
 #include "engines/WorkFolder.h"
 #include "resources/EncoderLog.h"
@@ -96,6 +97,16 @@ bool SegmentJob::isWorthwhile() {
   return suits;
 }
 
+// Bytes of the pieces that an earlier run cut and used up: the room for them is not needed again.
+int64_t SegmentJob::usedUp() const {
+  const CutPlan plan = planOfText(m_checkpoint->text(kPlanFile));
+  if (!plan.fault.empty()) return 0;
+  int64_t used = 0;
+  for (size_t piece = 0; piece < plan.pieces.size(); ++piece)
+    if (!engines::exists(m_checkpoint->path(m_source->piece(piece)))) ++used;
+  return m_video.source.stamp.size * used / static_cast<int64_t>(plan.pieces.size());
+}
+
 bool SegmentJob::hasRoom() {
   KxDBTaskParam job = m_video.run.job();
   job.fileSize = m_video.source.stamp.size;
@@ -109,7 +120,8 @@ bool SegmentJob::hasRoom() {
   const bool isSameVolume = stat(work.c_str(), &workFolder) == 0 &&
                             fstat(m_video.temp.fd(), &results) == 0 &&
                             workFolder.st_dev == results.st_dev;
-  const int64_t needed = room.pieces + (isSameVolume ? room.beside : 0) - m_checkpoint->size();
+  const int64_t needed =
+      room.pieces + (isSameVolume ? room.beside : 0) - m_checkpoint->size() - usedUp();
   m_room = std::make_unique<WorkRoom>(work, std::max<int64_t>(needed, 0));
   return m_room->isGranted();
 }
@@ -121,13 +133,13 @@ std::string SegmentJob::prepare() {
                                   "cut " + std::to_string(param.m_formatId) + " " +
                                       std::to_string(param.m_aChannel));
   if (!m_checkpoint) return "there is no place for its pieces";
+  m_source =
+      std::make_unique<CutSource>(CutSource{m_video, *m_checkpoint, m_plan, param.m_formatId});
   if (!hasRoom()) return "the volume of the work folders lacks the room for its pieces";
   std::erase_if(m_branches, [&](const Branch& branch) {
     const TranscodeParam& other = branch.profile->transcoder().getParam();
     return other.m_formatId != param.m_formatId || other.m_aChannel != param.m_aChannel;
   });
-  m_source =
-      std::make_unique<CutSource>(CutSource{m_video, *m_checkpoint, m_plan, param.m_formatId});
   std::string fault = continueCut();
   if (!fault.empty() && goOn()) fault = cut();
   return fault;

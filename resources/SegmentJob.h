@@ -33,6 +33,7 @@ class SegmentJob {
   void makeByPieces();
   std::string obstacle() const;
   bool isWorthwhile();
+  int64_t usedUp() const;
   bool hasRoom();
   std::string prepare();
   std::string continueCut();

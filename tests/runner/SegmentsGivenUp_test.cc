@@ -79,8 +79,9 @@ namespace {
 // A file system of its own while it lives.
 class SmallVolume {
  public:
-  explicit SmallVolume(const std::string& folder) : m_folder(folder) {
-    m_isMounted = mount("none", folder.c_str(), "tmpfs", 0, "size=100m") == 0;
+  explicit SmallVolume(const std::string& folder, const char* size = "size=100m")
+      : m_folder(folder) {
+    m_isMounted = mount("none", folder.c_str(), "tmpfs", 0, size) == 0;
   }
   ~SmallVolume() {
     if (m_isMounted) umount2(m_folder.c_str(), MNT_DETACH);
@@ -151,6 +152,32 @@ TEST_F(SegmentsOnAFullDisk, AResultThatHasNoRoomEitherWayFailsTheJobAndLeavesNot
   fs::remove(world.media("filler"));
   encoderAfter("");
   expectDone(world.runAgain(row));
+}
+
+TEST_F(SegmentsOnAFullDisk, AJobThatGoesOnNeedsRoomOnlyForWhatIsMissing) {
+  const std::string source = film("film.mp4");
+  // A box that nobody reads makes the film as large as its room has to be.
+  constexpr size_t kLarge = size_t{20} << 20;
+  std::string box = std::string("\x01\x40\x00\x00", 4) + "free";
+  box.resize(kLarge, '\0');
+  writeFile(source, readFile(source) + box);
+  const std::string data = world.root().path() + "/data";
+  const SmallVolume volume(data, "size=200m");
+  if (!volume.isMounted()) GTEST_SKIP() << "mounting is not possible here";
+  const KxDBTaskParam job = startAndGetStuck(source);
+  world.stop(job.id);
+  ASSERT_TRUE(world.waitForUnits());
+  KxDBTaskParam described = world.row(job.id);
+  described.fileSize = static_cast<int64_t>(fs::file_size(source));
+  described.duration = 1205;
+  // Five of eleven pieces are used up: there is room for the others and for little more.
+  const int64_t missing =
+      kxJobRoom(described).pieces - described.fileSize * 5 / 11 + (int64_t{1} << 20);
+  const auto free = static_cast<int64_t>(fs::space(data).free);
+  ASSERT_GT(free, missing);
+  writeFile(data + "/other", std::string(static_cast<size_t>(free - missing), 'x'));
+  runTheRest(job);
+  EXPECT_EQ(pieceEncoders(), kPieces - 5);
 }
 
 TEST_F(SegmentsOnAFullDisk, WithoutRoomForItsPiecesTheFileGoesWhole) {

@@ -11,7 +11,18 @@ using namespace kxtest;
 using namespace std::chrono_literals;
 using testing::IsEmpty;
 
-class SegmentsKept : public SegmentsTest {};
+class SegmentsKept : public SegmentsTest {
+ protected:
+  void stopAtOnce(const KxDBTaskParam& job) {
+    const auto begin = std::chrono::steady_clock::now();
+    world.stop(job.id);
+    ASSERT_TRUE(world.waitForUnits());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
+    EXPECT_EQ(world.row(job.id).status, JOB_WAITING);
+    EXPECT_EQ(world.registrations(), 0u);
+    EXPECT_EQ(world.leftovers(), checkpoints());
+  }
+};
 
 TEST_F(SegmentsKept, AStopEndsAllChildrenAtOnceAndTheNextRunDoesWhatIsMissing) {
   const KxDBTaskParam job = startAndGetStuck(film("film.mp4"));
@@ -19,12 +30,7 @@ TEST_F(SegmentsKept, AStopEndsAllChildrenAtOnceAndTheNextRunDoesWhatIsMissing) {
   EXPECT_GT(world.unit()->getPid(), 0);
   EXPECT_EQ(world.unit()->getReg().m_resId, "sw_cpu");
   EXPECT_TRUE(waitUntil([&] { return world.unit()->getProgress() >= 40; }));
-  const auto begin = std::chrono::steady_clock::now();
-  world.stop(job.id);
-  ASSERT_TRUE(world.waitForUnits());
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
-  EXPECT_EQ(world.row(job.id).status, JOB_WAITING);
-  EXPECT_EQ(world.registrations(), 0u);
+  stopAtOnce(job);
   EXPECT_EQ(keptPieces().size(), 5u);
 
   forgetCommands();
@@ -35,6 +41,30 @@ TEST_F(SegmentsKept, AStopEndsAllChildrenAtOnceAndTheNextRunDoesWhatIsMissing) {
   EXPECT_EQ(commands("reAudio.mp4").size(), 1u);  // when joining
   EXPECT_THAT(checkpoints(), IsEmpty());
   expectNumbered(result("film.mp4"));
+}
+
+TEST_F(SegmentsKept, AStopWhileTheSourceIsCutLosesNothingButTheCut) {
+  encoderAfter("case \"$*\" in *'-f segment'*) exec sleep 600 ;; esac\n");
+  const KxDBTaskParam job = world.addJob(film("film.mp4"), PROFILE_ORIGINAL);
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return commands("-f segment").size() == 1; }));
+  stopAtOnce(job);
+  runTheRest(job);
+  EXPECT_EQ(commands("-f segment").size(), 1u);
+  EXPECT_EQ(pieceEncoders(), kPieces);
+}
+
+TEST_F(SegmentsKept, AStopWhileThePiecesAreJoinedLosesNothingButTheJoin) {
+  encoderAfter("case \"$*\" in *'-f concat'*) exec sleep 600 ;; esac\n");
+  const KxDBTaskParam job = world.addJob(film("film.mp4"), PROFILE_ORIGINAL);
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return commands("-f concat").size() == 1; }, 60s));
+  stopAtOnce(job);
+  EXPECT_EQ(keptPieces().size(), kPieces);
+  runTheRest(job);
+  EXPECT_EQ(commands("-f concat").size(), 1u);
+  EXPECT_EQ(commands("-f segment").size(), 0u);
+  EXPECT_EQ(pieceEncoders(), 0u);
 }
 
 TEST_F(SegmentsKept, ASuspendedJobGoesOnWhereItWas) {
