@@ -26,8 +26,9 @@ extern "C" {
 namespace kxprobe {
 namespace {
 
-constexpr const char* kProbeSize = "5000000";         // bytes
-constexpr const char* kAnalyzeDuration = "10000000";  // microseconds
+// How much of a file is read to find its streams.
+constexpr ProbeLimits kUsualLimits = {"5000000", "10000000"};
+constexpr ProbeLimits kDeepLimits = {"64000000", "120000000"};
 constexpr int64_t kMaxAspectTerm = 1024L * 1024;
 constexpr int64_t kMeasureLimit = 64LL << 20;  // bytes read to measure a length
 
@@ -194,6 +195,12 @@ int FormatContext::interrupted(void* self) {
 bool FormatContext::open(const std::string& path) {
   // An image full of video looks like one, with its files in whatever order they lie in.
   if (!isRegularFile(path) || readImageHead(path).isImage()) return false;
+  m_path = path;
+  return openWithin(kUsualLimits);
+}
+
+bool FormatContext::openWithin(const ProbeLimits& limits) {
+  m_context.reset();
 #if LIBAVFORMAT_VERSION_MAJOR < 58
   av_register_all();
 #endif
@@ -204,19 +211,29 @@ bool FormatContext::open(const std::string& path) {
   Options options;
   options.set("protocol_whitelist", "file");
   options.set("format_whitelist", formatWhitelist().c_str());
-  options.set("probesize", kProbeSize);
-  options.set("analyzeduration", kAnalyzeDuration);
+  options.set("probesize", limits.bytes);
+  options.set("analyzeduration", limits.microseconds);
   // With the prefix no name can be taken for that of another protocol.
-  const std::string url = "file:" + path;
+  const std::string url = "file:" + m_path;
   // A failed open frees the context.
   if (avformat_open_input(&context, url.c_str(), nullptr, options.get()) < 0) return false;
   m_context.reset(context);
-  m_path = path;
   return true;
 }
 
 bool FormatContext::readStreamInfo() {
-  return avformat_find_stream_info(m_context.get(), nullptr) >= 0;
+  if (avformat_find_stream_info(m_context.get(), nullptr) < 0) return false;
+  if (!mayHideSound()) return true;
+  return openWithin(kDeepLimits) && avformat_find_stream_info(m_context.get(), nullptr) >= 0;
+}
+
+// A program stream, as on a DVD, does not say what is in it: the sound of a title that begins in
+// silence shows up when it begins.
+bool FormatContext::mayHideSound() const {
+  if (std::string_view(m_context->iformat->name) != "mpeg") return false;
+  for (unsigned i = 0; i < m_context->nb_streams; ++i)
+    if (m_context->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) return false;
+  return true;
 }
 
 bool FormatContext::hasStreams() const {

@@ -11,6 +11,12 @@ struct AVStream;
 
 namespace kxprobe {
 
+// How far a demuxer reads to find the streams of a file; text as libavformat takes it.
+struct ProbeLimits {
+  const char* bytes;
+  const char* microseconds;
+};
+
 // Owns the demuxer of one local file and gives up when its time is over or the thread's work
 // has to end. Formats that name other files (playlists, file lists, scripts), images of discs
 // and protocols other than "file" are refused.
@@ -39,6 +45,8 @@ class FormatContext {
   };
 
   static int interrupted(void* self);
+  bool openWithin(const ProbeLimits& limits);
+  bool mayHideSound() const;
   StreamFacts streamFacts(AVStream& stream) const;
   PlayTime playTime();
   PlayTime unstatedPlayTime();

@@ -1,6 +1,7 @@
 #include "tools/FfmpegArguments.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <map>
 #include <set>
@@ -157,6 +158,15 @@ std::string protocolsFor(const std::string& input) {
   return startsWith(input, "pipe:") ? "pipe" : "file";
 }
 
+// Such a stream does not say what is in it: sound that begins late is only found by reading on.
+bool isProgramStream(std::string_view input) {
+  if (startsWith(input, "concat:")) return true;
+  std::string end(input.substr(input.size() - std::min<size_t>(input.size(), 5)));
+  std::transform(end.begin(), end.end(), end.begin(),
+                 [](unsigned char c) { return static_cast<char>(tolower(c)); });
+  return end.ends_with(".vob") || end.ends_with(".mpg") || end.ends_with(".mpeg");
+}
+
 void restrictInput(std::vector<Item>& group, const ListConverter& convertList) {
   Item& input = group.back();
   const std::string format = valueOf(group, "-f");
@@ -164,6 +174,10 @@ void restrictInput(std::vector<Item>& group, const ListConverter& convertList) {
   if (!format.empty()) formats += "," + format;
   std::vector<Item> limits = {{"-protocol_whitelist", protocolsFor(input.value), true},
                               {"-format_whitelist", formats, true}};
+  if (isProgramStream(input.value)) {
+    limits.push_back({"-probesize", "64M", true});
+    limits.push_back({"-analyzeduration", "120M", true});
+  }
   if (format == "concat") {
     input.value = convertList(input.value);
     limits.push_back({"-safe", "0", true});

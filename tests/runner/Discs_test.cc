@@ -166,6 +166,42 @@ TEST_F(Discs, ABluRayFolderMayHaveItsNamesInSmallLetters) {
   expectMainTitle(world.run(disc.top(), PROFILE_240P), 3);
 }
 
+TEST_F(Discs, SoundThatBeginsLateIsFound) {
+  world.root().install("ffmpeg");
+  const DvdFolder dvd(world.media("Film"));
+  ASSERT_TRUE(run({"ffmpeg",
+                   "-v",
+                   "error",
+                   "-f",
+                   "lavfi",
+                   "-i",
+                   "color=red:s=64x48:r=25:d=16",
+                   "-itsoffset",
+                   "13",
+                   "-f",
+                   "lavfi",
+                   "-i",
+                   "sine=d=3",
+                   "-map",
+                   "0",
+                   "-map",
+                   "1",
+                   "-c:v",
+                   "mpeg2video",
+                   "-c:a",
+                   "ac3",
+                   "-f",
+                   "vob",
+                   dvd.part(1, 1)}));
+  dvd.writeTable(1);
+  const KxDBTaskParam row = world.run(dvd.top(), PROFILE_240P | PROFILE_AUDIO);
+  expectMainTitle(row, 16);
+  EXPECT_TRUE(probe(world.media("Video2audio/Film.mp3")));
+  fs::copy_file(dvd.part(1, 1), world.media("film.vob"));
+  const KxDBTaskParam file = world.run(world.media("film.vob"), PROFILE_240P);
+  expectMainTitle(file, 16);
+}
+
 TEST_F(Discs, TheSoundOfADiscIsExtractedFromItsMainTitle) {
   const DvdFolder dvd = makeDvd("Film");
   const KxDBTaskParam row = world.run(dvd.top(), PROFILE_AUDIO);

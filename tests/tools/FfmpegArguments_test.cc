@@ -102,6 +102,15 @@ TEST(FfmpegArguments, LimitEveryInputToLocalFiles) {
   EXPECT_EQ(std::count(two.begin(), two.end(), "-protocol_whitelist"), 2);
 }
 
+TEST(FfmpegArguments, ReadFarIntoWhatDoesNotSayWhatItHolds) {
+  for (const char* input : {"concat:/a.vob|/b.vob", "/a.VOB", "/a.mpg", "/a.Mpeg"}) {
+    EXPECT_EQ(optionOf({"-i", input, "/out"}, "-probesize"), "64M") << input;
+    EXPECT_EQ(optionOf({"-i", input, "/out"}, "-analyzeduration"), "120M") << input;
+  }
+  for (const char* input : {"/a.mp4", "/a.vob.mkv", "vob", "/"})
+    EXPECT_EQ(optionOf({"-i", input, "/out"}, "-probesize"), "<absent>") << input;
+}
+
 TEST(FfmpegArguments, LeaveOutFormatsThatNameOtherFiles) {
   const std::string formats = optionOf({"-i", "/in", "/out"}, "-format_whitelist");
   for (const char* name : {"matroska", "mov", "mpegts", "avi", "flv", "asf", "rm", "wav", "mp3"})
