@@ -55,6 +55,29 @@ std::vector<std::string> pieceCommand(std::vector<std::string> command, const Cu
   return command;
 }
 
+std::vector<std::string> recountCommand(const std::string& ffmpeg, const CutPlan& plan,
+                                        const std::string& made, const std::string& output) {
+  // As the encoder chooses it for the rate of the pictures.
+  constexpr int kFewestTicks = 10000;
+  int ticks = plan.rateNum;
+  while (ticks < kFewestTicks) ticks *= 2;
+  return {ffmpeg,
+          "-y",
+          "-i",
+          made,
+          "-map",
+          "0:v:0",
+          "-c",
+          "copy",
+          "-video_track_timescale",
+          std::to_string(ticks),
+          "-movie_timescale",
+          std::to_string(plan.rateNum),
+          "-f",
+          "mp4",
+          output};
+}
+
 std::string framesFault(const VideoTimes& result, const CutPlan& plan, int64_t frames,
                         bool atLeast) {
   const auto count = static_cast<int64_t>(result.seconds.size());

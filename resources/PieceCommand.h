@@ -20,6 +20,11 @@ PieceThreads pieceThreads(int processors);
 std::vector<std::string> pieceCommand(std::vector<std::string> command, const CutPlan& plan,
                                       size_t piece, int threads);
 
+// Copies what a card made of a piece so that it counts its time as the pieces of the CPU do: in
+// steps of other lengths the join would add up the errors of rounding. Pure.
+std::vector<std::string> recountCommand(const std::string& ffmpeg, const CutPlan& plan,
+                                        const std::string& made, const std::string& output);
+
 // Why the pictures of a result are not the planned ones; empty when they are.
 // @param atLeast more may follow, as the encoder may repeat the last picture of a source
 std::string framesFault(const VideoTimes& result, const CutPlan& plan, int64_t frames,

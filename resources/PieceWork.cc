@@ -1,9 +1,11 @@
 #include "resources/PieceWork.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "KxHostPlatform.h"
 #include "Misc.h"
+#include "engines/HostFacts.h"
 #include "engines/SegmentPlan.h"
 #include "engines/SharedCommand.h"
 #include "resources/EncoderLog.h"
@@ -54,6 +56,18 @@ struct PieceWork::Engine {
   std::unique_ptr<Registration> registration;  // from the first piece on
 };
 
+// One piece's share of a resource while it lives.
+class PieceWork::Slot {
+ public:
+  explicit Slot(Engine& engine) : m_engine(engine) { --m_engine.slots; }
+  ~Slot() { ++m_engine.slots; }
+  Slot(const Slot&) = delete;
+  Slot& operator=(const Slot&) = delete;
+
+ private:
+  Engine& m_engine;
+};
+
 // The transcoder of one result.
 struct PieceWork::Encoder {
   KxTranscoder transcoder;
@@ -67,8 +81,11 @@ struct PieceWork::Task {
   size_t piece;
   std::vector<PieceBranch*> branches;
   std::vector<std::unique_ptr<Encoder>> encoders;  // in their order; fewer when one has a fault
+  std::unique_ptr<Slot> slot;                      // while the encoder runs
+  bool isRecounted = false;                        // by the child that runs now
 
   const Encoder& first() const { return *encoders.front(); }
+  std::string recounted() const { return first().output + ".recounted.mp4"; }
 };
 
 PieceWork::PieceWork(const CutSource& source, bool isShared, ChildGroup& group)
@@ -95,8 +112,8 @@ void PieceWork::run(const std::vector<PieceBranch*>& branches, const OtherEnd& o
       m_tasks.clear();
       return;
     }
-    if (const auto task = m_tasks.extract(ended->key)) {
-      settle(*task.mapped(), ended->end);
+    if (auto task = m_tasks.extract(ended->key)) {
+      settle(std::move(task.mapped()), ended->end);
     } else {
       onOther(*ended);
     }
@@ -115,7 +132,6 @@ void PieceWork::endUnwantedTasks() {
       continue;
     }
     m_group.end(task->first);
-    ++task->second->engine.slots;
     task = m_tasks.erase(task);
   }
 }
@@ -153,16 +169,17 @@ bool PieceWork::startTaskOn(Engine& engine) {
 
 void PieceWork::startTask(std::unique_ptr<Task> task) {
   const int pid = launch(*task);
-  if (pid <= 0) {
-    for (PieceBranch* branch : task->branches)
-      fail(*task, *branch, "the encoder could not be started");
-    return;
-  }
-  --task->engine.slots;
+  if (pid <= 0) return failAll(*task, "the encoder could not be started");
+  task->slot = std::make_unique<Slot>(task->engine);
+  follow(std::move(task), pid);
+}
+
+void PieceWork::follow(std::unique_ptr<Task> task, int pid) {
   KxTranscoder& transcoder = task->encoders.front()->transcoder;
+  const bool isEncoded = task->isRecounted;
   m_group.add(m_nextKey, pid,
-              {[&transcoder] { return transcoder.getProgress(); },
-               {transcoder.getProgressLogPath(), task->first().output}});
+              {[&transcoder, isEncoded] { return isEncoded ? 100 : transcoder.getProgress(); },
+               {transcoder.getProgressLogPath(), task->first().output, task->recounted()}});
   m_tasks.emplace(m_nextKey++, std::move(task));
 }
 
@@ -202,7 +219,7 @@ bool PieceWork::useEngine(Engine& engine) {
 
 std::unique_ptr<PieceWork::Task> PieceWork::prepare(Engine& engine, size_t piece,
                                                     const std::vector<PieceBranch*>& branches) {
-  auto task = std::make_unique<Task>(Task{engine, piece, branches, {}});
+  auto task = std::make_unique<Task>(Task{engine, piece, branches, {}, nullptr, false});
   const std::string input = m_source.checkpoint.path(m_source.piece(piece));
   for (const PieceBranch* branch : branches) {
     auto encoder = std::make_unique<Encoder>();
@@ -235,20 +252,43 @@ int PieceWork::launchOnCpu(Task& task) {
   return miscLaunchCmdNoWait(command, task.first().transcoder.getProgressLogPath());
 }
 
-void PieceWork::settle(Task& task, const ChildEnd& end) {
-  ++task.engine.slots;
+void PieceWork::settle(std::unique_ptr<Task> task, const ChildEnd& end) {
+  task->slot.reset();
   // A card that hung once would hold up every piece that it gets.
-  if (end.kind == ChildEnd::Kind::Stalled && !task.engine.isCpu) task.engine.isUsable = false;
-  std::string childFault;
+  if (end.kind == ChildEnd::Kind::Stalled && !task->engine.isCpu) task->engine.isUsable = false;
   if (!end.ok()) {
-    const std::string line = complaintOf(task.first().transcoder.getProgressLogPath());
-    childFault = "the encoder " + end.text() + (line.empty() ? "" : ": " + line);
+    const std::string line = complaintOf(task->first().transcoder.getProgressLogPath());
+    return failAll(*task, "the encoder " + end.text() + (line.empty() ? "" : ": " + line));
   }
-  for (PieceBranch* branch : task.branches) {
-    const std::string fault = childFault.empty() ? checkAndKeep(task, *branch) : childFault;
+  if (mustRecount(*task)) return recount(std::move(task));
+  if (task->isRecounted && rename(task->recounted().c_str(), task->first().output.c_str()) != 0)
+    return failAll(*task, "the result cannot be renamed");
+  for (PieceBranch* branch : task->branches) {
+    const std::string fault = checkAndKeep(*task, *branch);
     if (m_source.video.run.mustEnd()) return;
-    if (!fault.empty()) fail(task, *branch, fault);
+    if (!fault.empty()) fail(*task, *branch, fault);
   }
+  showProgress();
+}
+
+bool PieceWork::mustRecount(const Task& task) const {
+  return !task.engine.isCpu && !task.isRecounted && m_source.formatId == KX_FORMAT_MP4;
+}
+
+void PieceWork::recount(std::unique_ptr<Task> task) {
+  const auto service = engines::mediaService();
+  const int pid = service
+                      ? miscLaunchCmdNoWait(recountCommand(service->ffmpegPath, m_source.plan,
+                                                           task->first().output, task->recounted()),
+                                            task->first().transcoder.getProgressLogPath())
+                      : -1;
+  if (pid <= 0) return failAll(*task, "the encoder could not be started");
+  task->isRecounted = true;
+  follow(std::move(task), pid);
+}
+
+void PieceWork::failAll(const Task& task, const std::string& fault) {
+  for (PieceBranch* branch : task.branches) fail(task, *branch, fault);
   showProgress();
 }
 

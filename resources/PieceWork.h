@@ -60,12 +60,14 @@ class PieceWork {
   struct Engine;
   struct Encoder;
   struct Task;
+  class Slot;
   using Tries = std::vector<size_t>;  // engines that failed on a result
 
   bool hasSlot(const Engine& engine) const;
   void startTasks();
   bool startTaskOn(Engine& engine);
   void startTask(std::unique_ptr<Task> task);
+  void follow(std::unique_ptr<Task> task, int pid);
   void endUnwantedTasks();
   std::vector<PieceBranch*> chooseFor(const Engine& engine, size_t piece);
   bool isFree(const PieceBranch& branch, size_t piece, const Engine& engine) const;
@@ -73,7 +75,10 @@ class PieceWork {
                                 const std::vector<PieceBranch*>& branches);
   int launch(Task& task);
   int launchOnCpu(Task& task);
-  void settle(Task& task, const ChildEnd& end);
+  void settle(std::unique_ptr<Task> task, const ChildEnd& end);
+  bool mustRecount(const Task& task) const;
+  void recount(std::unique_ptr<Task> task);
+  void failAll(const Task& task, const std::string& fault);
   std::string checkAndKeep(const Task& task, PieceBranch& branch);
   void fail(const Task& task, PieceBranch& branch, const std::string& fault);
   bool useEngine(Engine& engine);

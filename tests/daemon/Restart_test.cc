@@ -29,7 +29,7 @@ class Restart : public testing::Test {
     kind.video = {"-c:v", "libx264", "-preset", "ultrafast", "-g", "40"};
     kind.sampleRate = 0;
     makeLongFilm(kind, root.media("film.mp4"));
-    encoderAfter("case \"$*\" in *-movie_timescale*segment_0000[5-9]*) exec sleep 600 ;; esac");
+    encoderAfter("case \"$*\" in *-threads*segment_0000[5-9]*) exec sleep 600 ;; esac");
   }
 
   void encoderAfter(const std::string& body) {
@@ -46,7 +46,7 @@ class Restart : public testing::Test {
       if (line.find(part) != std::string::npos) ++count;
     return count;
   }
-  size_t pieceEncoders() const { return commands("-movie_timescale"); }
+  size_t pieceEncoders() const { return commands("-threads"); }
   std::vector<std::string> checkpoints() const {
     std::vector<std::string> found;
     for (const std::string& path : root.leftovers())

@@ -98,6 +98,16 @@ TEST(PieceCommand, MakesExactlyTheWantedPictures) {
                           "2", "out"));
 }
 
+TEST(PieceCommand, WhatACardMadeCountsItsTimeAsTheOthersDo) {
+  CutPlan plan = planCut(at(upTo(10)), {5, 5});
+  EXPECT_THAT(recountCommand("/ffmpeg", plan, "made", "out"),
+              ElementsAre("/ffmpeg", "-y", "-i", "made", "-map", "0:v:0", "-c", "copy",
+                          "-video_track_timescale", "12800", "-movie_timescale", "25", "-f", "mp4",
+                          "out"));
+  plan.rateNum = 60000;
+  EXPECT_EQ(recountCommand("/ffmpeg", plan, "made", "out")[9], "60000");
+}
+
 TEST(PieceCommand, ProcessorsAreSharedOut) {
   EXPECT_EQ(pieceThreads(1).pieces, 1);
   EXPECT_EQ(pieceThreads(2).pieces, 2);

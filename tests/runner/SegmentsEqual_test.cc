@@ -21,6 +21,7 @@ struct Kind {
   LongFilm film;
   double rate;            // pictures a second of the results
   const char* goesWhole;  // why it does; null when it goes by pieces
+  bool onCard = false;    // a card makes all pieces
 };
 
 void PrintTo(const Kind& kind, std::ostream* out) {
@@ -78,6 +79,13 @@ const std::vector<Kind> kKinds = {
       .sampleRate = 0},
      25,
      kNeedEachOther},
+    {"H264_60fps_B_card",
+     "film.mp4",
+     {.rate = "60000/1001", .sampleRate = 8000, .channels = 1},
+     60000.0 / 1001,
+     nullptr,
+     true},
+    {"H264_24fps_B_card", "film.mp4", {.rate = "24000/1001"}, 24000.0 / 1001, nullptr, true},
     {"HEVC_25fps_B_48k", "film.mp4", {.video = hevc(false)}, 25, nullptr},
     {"HEVC_25fps_openGroups",
      "film.mkv",
@@ -94,6 +102,15 @@ class SegmentsEqual : public testing::TestWithParam<Kind> {
   SegmentsEqual() {
     world.setEncoder("exec '" KX_BUILD_DIR "/tools/ffmpeg' \"$@\"\n");
     world.setParser("exec sh '" KX_SOURCE_DIR "/tools/xlogparse.sh' \"$@\"\n");
+  }
+
+  // The processors fail on pieces, so that a card makes all of them.
+  void useCard() {
+    world.setCards({"gpu0:maker:model:external:1"});
+    world.setAgent("KX_AGENT_ENCODER=libx264 exec '" KX_BUILD_DIR
+                   "/tools/transcode_agent' \"$@\"\n");
+    world.setEncoder("case \"$*\" in *-threads*) exit 1 ;; esac\n"
+                     "exec '" KX_BUILD_DIR "/tools/ffmpeg' \"$@\"\n");
   }
 
   std::string transcode(const std::string& name) {
@@ -116,6 +133,7 @@ TEST_P(SegmentsEqual, TheJoinedResultIsThatOfTheWholeFile) {
   fs::create_hard_link(world.media(file), world.media(copy));
   const std::string whole = transcode(copy);
   world.configure("SEGMENT=1\n");
+  if (kind.onCard) useCard();
   const std::string joined = transcode(file);
   if (kind.goesWhole != nullptr) {
     EXPECT_THAT(log.texts(), testing::Contains(HasSubstr(kind.goesWhole)));
@@ -123,6 +141,7 @@ TEST_P(SegmentsEqual, TheJoinedResultIsThatOfTheWholeFile) {
     EXPECT_FALSE(log.hasPart("goes whole"));
     EXPECT_TRUE(log.hasPart("write "));
   }
+  EXPECT_EQ(log.has("resId(gpu0) transcode success\n"), kind.onCard);
 
   const std::vector<int> wanted = pictureNumbers(whole);
   const std::vector<int> shown = pictureNumbers(joined);

@@ -48,7 +48,7 @@ class SegmentsTest : public testing::Test {
     return found;
   }
   // Encoders of pieces that were started.
-  size_t pieceEncoders() const { return commands("-movie_timescale").size(); }
+  size_t pieceEncoders() const { return commands("-threads").size(); }
   void forgetCommands() { std::filesystem::remove(commandFile()); }
 
   std::string film(const std::string& name, const LongFilm& kind = silentFilm()) {
@@ -92,7 +92,7 @@ class SegmentsTest : public testing::Test {
   }
   // Starts a job whose encoders of pieces from the sixth on never end, and waits for them.
   KxDBTaskParam startAndGetStuck(const std::string& source, uint64_t profiles = PROFILE_ORIGINAL) {
-    encoderAfter("case \"$*\" in *-movie_timescale*segment_0000[5-9]*) exec sleep 600 ;; esac\n");
+    encoderAfter("case \"$*\" in *-threads*segment_0000[5-9]*) exec sleep 600 ;; esac\n");
     KxDBTaskParam job = world.addJob(source, profiles);
     world.start(job);
     constexpr std::chrono::seconds kLimit{60};
@@ -111,7 +111,7 @@ class SegmentsTest : public testing::Test {
   }
   // Commands by which the processors leave the first pieces to a card.
   std::string untilAgents(int count) const {
-    return "case \"$*\" in *-movie_timescale*) until [ \"$(grep -c '^agent ' '" + commandFile() +
+    return "case \"$*\" in *-threads*) until [ \"$(grep -c '^agent ' '" + commandFile() +
            "')\" -ge " + std::to_string(count) + " ]; do sleep 0.05; done ;; esac\n";
   }
   // The rest of a job that was stopped when five pieces were there, with an encoder that works.

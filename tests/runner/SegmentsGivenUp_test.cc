@@ -15,8 +15,7 @@ using testing::IsEmpty;
 class SegmentsGivenUp : public SegmentsTest {};
 
 TEST_F(SegmentsGivenUp, AnEncoderThatFailsEitherWayLeavesNothing) {
-  encoderAfter(
-      "case \"$*\" in *-movie_timescale*segment_00003*|*.@__thumb/temp/*) exit 3 ;; esac\n");
+  encoderAfter("case \"$*\" in *-threads*segment_00003*|*.@__thumb/temp/*) exit 3 ;; esac\n");
   const KxDBTaskParam row = world.run(film("film.mp4"), PROFILE_ORIGINAL);
   EXPECT_EQ(row.status, JOB_ERROR);
   EXPECT_GE(pieceEncoders(), 3u);
@@ -27,8 +26,8 @@ TEST_F(SegmentsGivenUp, AnEncoderThatFailsEitherWayLeavesNothing) {
 
 // And the pieces under way are not waited for.
 TEST_F(SegmentsGivenUp, AFailingPieceSendsTheJobTheOtherWay) {
-  encoderAfter("case \"$*\" in *-movie_timescale*segment_00003*) exit 3 ;;\n"
-               "*-movie_timescale*segment_0000[4-9]*) exec sleep 600 ;; esac\n");
+  encoderAfter("case \"$*\" in *-threads*segment_00003*) exit 3 ;;\n"
+               "*-threads*segment_0000[4-9]*) exec sleep 600 ;; esac\n");
   const KxDBTaskParam row = world.run(film("film.mp4"), PROFILE_ORIGINAL);
   expectDone(row);
   EXPECT_THAT(world.reason(row.id), HasSubstr("piece 3"));
@@ -38,7 +37,7 @@ TEST_F(SegmentsGivenUp, AFailingPieceSendsTheJobTheOtherWay) {
 }
 
 TEST_F(SegmentsGivenUp, APieceThatLacksPicturesSendsTheJobTheOtherWay) {
-  encoderAfter("case \"$*\" in *-movie_timescale*segment_00003*)\n"
+  encoderAfter("case \"$*\" in *-threads*segment_00003*)\n"
                "  set -- -t 60 \"$@\" ;; esac\n");
   const KxDBTaskParam row = world.run(film("film.mp4"), PROFILE_ORIGINAL);
   expectDone(row);
@@ -57,7 +56,7 @@ TEST_F(SegmentsGivenUp, AFailingJoinSendsTheJobTheOtherWay) {
 // And the pieces under way are not waited for.
 TEST_F(SegmentsGivenUp, ASoundThatFailsSendsTheJobTheOtherWay) {
   encoderAfter("case \"$*\" in *'-c:v copy'*reAudio.mp4) exit 3 ;;\n"
-               "*-movie_timescale*) exec sleep 600 ;; esac\n");
+               "*-threads*) exec sleep 600 ;; esac\n");
   const KxDBTaskParam row = world.run(film("film.mp4"), PROFILE_ORIGINAL);
   expectDone(row);
   EXPECT_THAT(world.reason(row.id), HasSubstr("the encoder of the sound ended with 3"));
@@ -121,7 +120,7 @@ class SegmentsOnADiskThatFills : public SegmentsOnAFullDisk,
 INSTANTIATE_TEST_SUITE_P(Before, SegmentsOnADiskThatFills,
                          testing::Values(FullStep{"Cut", "*'-f segment'*"},
                                          FullStep{"Sound", "*'-c:v copy'*reAudio.mp4"},
-                                         FullStep{"Piece", "*-movie_timescale*segment_00003*"}),
+                                         FullStep{"Piece", "*-threads*segment_00003*"}),
                          [](const auto& step) { return std::string(step.param.name); });
 
 TEST_P(SegmentsOnADiskThatFills, TheJobGoesTheOtherWay) {

@@ -68,7 +68,7 @@ TEST_F(SegmentsSpread, PiecesAreMadeOnAllCardsAndTheProcessorsAtATime) {
   world.setCards({"gpu0:maker:model:external:1", "gpu1:maker:model:external:1"});
   const std::string wait = "until [ -e '" + world.root().path() + "/go' ]; do sleep 0.05; done\n";
   setCard(wait);
-  encoderAfter("case \"$*\" in *-movie_timescale*) " + wait + ";; esac\n");
+  encoderAfter("case \"$*\" in *-threads*) " + wait + ";; esac\n");
   const KxDBTaskParam job = world.addJob(film("film.mp4"), PROFILE_ORIGINAL);
   world.start(job);
   EXPECT_TRUE(waitUntil([&] { return commands("agent ").size() == 2 && pieceEncoders() >= 1; }));

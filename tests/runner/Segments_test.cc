@@ -80,7 +80,7 @@ TEST_F(Segments, SeveralProfilesOfAPieceComeFromOneDecoding) {
   kind.rate = "1";
   expectDone(world.run(film("film.mp4", kind), PROFILE_240P | PROFILE_ORIGINAL));
   EXPECT_EQ(pieceEncoders(), commands("-f segment").size() * 11);
-  for (const std::string& command : commands("-movie_timescale"))
+  for (const std::string& command : commands("-threads"))
     EXPECT_THAT(command, testing::AllOf(HasSubstr("/mobile240p/"), HasSubstr("/original/")));
   EXPECT_EQ(commands("-f segment").size(), 1u);
   EXPECT_EQ(commands("-f concat").size(), 2u);
@@ -92,7 +92,7 @@ TEST_F(Segments, SeveralProfilesOfAPieceComeFromOneDecoding) {
 
 TEST_F(Segments, WhatFailsByPiecesComesFromOneDecodingOfTheWholeFile) {
   world.configure("FANOUT=1\n");
-  encoderAfter("case \"$*\" in *-movie_timescale*) exit 3 ;; esac\n");
+  encoderAfter("case \"$*\" in *-threads*) exit 3 ;; esac\n");
   LongFilm kind = silentFilm();
   kind.rate = "1";
   expectDone(world.run(film("film.mp4", kind), PROFILE_240P | PROFILE_ORIGINAL));
