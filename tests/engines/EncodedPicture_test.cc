@@ -15,6 +15,7 @@
 
 namespace fs = std::filesystem;
 using kxtest::makeClip;
+using kxtest::quietFfmpeg;
 using kxtest::readFile;
 using kxtest::run;
 using kxtest::writeFile;
@@ -67,11 +68,8 @@ std::string quarters(int width, int height) {
 }
 
 void makeQuarters(const std::string& path, int width, int height, const Words& options = {}) {
-  Words argv = {"ffmpeg",    "-nostdin", "-v",
-                "error",     "-y",       "-f",
-                "lavfi",     "-i",       quarters(width, height),
-                "-c:v",      "libx264",  "-preset",
-                "ultrafast", "-pix_fmt", "yuv420p"};
+  Words argv = quietFfmpeg({"-f", "lavfi", "-i", quarters(width, height), "-c:v", "libx264",
+                            "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
   argv.insert(argv.end(), options.begin(), options.end());
   argv.push_back(path);
   ASSERT_TRUE(run(argv)) << path;
@@ -79,8 +77,9 @@ void makeQuarters(const std::string& path, int width, int height, const Words& o
 
 // What a player shows: the picture shrunk to 4 x 4 pixels of red, green and blue.
 std::string shown(const std::string& path) {
-  const auto pixels = run({"ffmpeg", "-nostdin", "-v", "error", "-i", path, "-frames:v", "1", "-vf",
-                           "scale=4:4:flags=area,format=rgb24", "-f", "rawvideo", "-"});
+  const auto pixels =
+      run(quietFfmpeg({"-i", path, "-frames:v", "1", "-vf", "scale=4:4:flags=area,format=rgb24",
+                       "-f", "rawvideo", "-"}));
   return pixels.value_or("");
 }
 
@@ -404,17 +403,8 @@ class BurntSubtitle : public EncodedPicture {
   // A black clip of five seconds, with the subtitle as a track or not.
   std::string blackClip(const std::string& name, bool withTrack) {
     writeFile(media("text.srt"), kText);
-    Words argv = {"ffmpeg",
-                  "-nostdin",
-                  "-v",
-                  "error",
-                  "-y",
-                  "-f",
-                  "lavfi",
-                  "-i",
-                  "color=black:size=320x180:rate=5:duration=5",
-                  "-i",
-                  media("text.srt")};
+    Words argv = quietFfmpeg({"-f", "lavfi", "-i", "color=black:size=320x180:rate=5:duration=5",
+                              "-i", media("text.srt")});
     const Words codecs = {"-map", "0:v", "-c:v", "libx264", "-preset", "ultrafast"};
     argv.insert(argv.end(), codecs.begin(), codecs.end());
     if (withTrack) argv.insert(argv.end(), {"-map", "1:s", "-c:s", "srt"});
@@ -426,8 +416,8 @@ class BurntSubtitle : public EncodedPicture {
   // Brightest value of the result's picture at a time.
   int brightest(double second) const {
     const auto pixels =
-        run({"ffmpeg", "-nostdin", "-v", "error", "-ss", std::to_string(second), "-i",
-             media("result.mp4"), "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "gray", "-"});
+        run(quietFfmpeg({"-ss", std::to_string(second), "-i", media("result.mp4"), "-frames:v", "1",
+                         "-f", "rawvideo", "-pix_fmt", "gray", "-"}));
     int value = 0;
     for (const char c : pixels.value_or(""))
       value = std::max<int>(value, static_cast<unsigned char>(c));

@@ -74,31 +74,12 @@ class Segments : public kxtest::EngineTest {
 
   // A film of the given length with a key frame every 20 seconds and a little sound.
   std::string film(const std::string& name, int seconds, std::vector<std::string> options = {}) {
-    std::vector<std::string> argv = {"ffmpeg",
-                                     "-nostdin",
-                                     "-v",
-                                     "error",
-                                     "-y",
-                                     "-f",
-                                     "lavfi",
-                                     "-i",
-                                     "testsrc=s=64x48:r=2:d=" + std::to_string(seconds),
-                                     "-f",
-                                     "lavfi",
-                                     "-i",
-                                     "sine=r=44100:d=3",
-                                     "-pix_fmt",
-                                     "yuv420p",
-                                     "-c:v",
-                                     "libx264",
-                                     "-preset",
-                                     "ultrafast",
-                                     "-bf",
-                                     "2",
-                                     "-g",
-                                     "40",
-                                     "-c:a",
-                                     "aac"};
+    std::vector<std::string> argv = kxtest::quietFfmpeg(
+        {"-f",       "lavfi",     "-i",   "testsrc=s=64x48:r=2:d=" + std::to_string(seconds),
+         "-f",       "lavfi",     "-i",   "sine=r=44100:d=3",
+         "-pix_fmt", "yuv420p",   "-c:v", "libx264",
+         "-preset",  "ultrafast", "-bf",  "2",
+         "-g",       "40",        "-c:a", "aac"});
     argv.insert(argv.end(), options.begin(), options.end());
     argv.push_back(media(name));
     if (!kxtest::run(argv)) ADD_FAILURE() << "cannot make " << name;

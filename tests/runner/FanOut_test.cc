@@ -19,8 +19,8 @@ namespace {
 constexpr uint64_t kFour = PROFILE_240P | PROFILE_360P | PROFILE_480P | PROFILE_720P;
 
 std::string picturesOf(const std::string& path) {
-  return kxtest::run({"ffmpeg", "-nostdin", "-v", "error", "-i", path, "-map", "0:v", "-c", "copy",
-                      "-f", "md5", "-"})
+  return kxtest::run(
+             kxtest::quietFfmpeg({"-i", path, "-map", "0:v", "-c", "copy", "-f", "md5", "-"}))
       .value_or("unreadable");
 }
 

@@ -90,7 +90,7 @@ void makeLongFilm(const LongFilm& film, const std::string& path) {
   const TempDir temp;
   const std::string pictures = temp / "pictures";
   writePictures(pictures, static_cast<int>(std::ceil(film.seconds * numberOf(film.rate))));
-  std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y"};
+  std::vector<std::string> argv = quietFfmpeg();
   const auto add = [&](const std::vector<std::string>& words) {
     argv.insert(argv.end(), words.begin(), words.end());
   };
@@ -113,10 +113,10 @@ void makeLongFilm(const LongFilm& film, const std::string& path) {
 }
 
 std::vector<int> pictureNumbers(const std::string& path) {
-  const auto pixels =
-      run({"ffmpeg", "-nostdin", "-v", "error", "-i", path, "-map", "0:v", "-vsync", "passthrough",
-           "-vf", "scale=" + std::to_string(kColumns) + ":" + std::to_string(kRows) + ":flags=area",
-           "-pix_fmt", "gray", "-f", "rawvideo", "-"});
+  const auto pixels = run(quietFfmpeg(
+      {"-i", path, "-map", "0:v", "-vsync", "passthrough", "-vf",
+       "scale=" + std::to_string(kColumns) + ":" + std::to_string(kRows) + ":flags=area",
+       "-pix_fmt", "gray", "-f", "rawvideo", "-"}));
   std::vector<int> numbers;
   constexpr size_t kSize = kBlocks;
   for (size_t at = 0; pixels && at + kSize <= pixels->size(); at += kSize) {
@@ -143,9 +143,10 @@ std::vector<double> toneTimes(const std::string& path) {
   constexpr int kRate = 8000;
   constexpr int kThreshold = 6000;
   // Silence in front of the first sample makes its place the time of the sample.
-  const auto samples = run({"ffmpeg", "-nostdin", "-v", "error", "-i", path, "-map", "0:a", "-af",
-                            "aresample=" + std::to_string(kRate) + ":async=1:first_pts=0", "-ac",
-                            "1", "-f", "s16le", "-"});
+  const auto samples =
+      run(quietFfmpeg({"-i", path, "-map", "0:a", "-af",
+                       "aresample=" + std::to_string(kRate) + ":async=1:first_pts=0", "-ac", "1",
+                       "-f", "s16le", "-"}));
   std::vector<double> times;
   double last = -1;
   for (size_t at = 0; samples && at + 2 <= samples->size(); at += 2) {

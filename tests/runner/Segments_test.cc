@@ -55,7 +55,7 @@ TEST_F(Segments, WhatCannotBeCutGoesWhole) {
             {"-f", "lavfi", "-i", tone, "-f", "lavfi", "-i", tone, "-map", "0", "-map", "1", "-map",
              "2"}},
         Row{"two pictures.mp4", {"-map", "0", "-map", "0"}}, Row{"short.mp4", {"-t", "1100"}}}) {
-    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-i", one};
+    std::vector<std::string> argv = kxtest::quietFfmpeg({"-i", one});
     argv.insert(argv.end(), row.options.begin(), row.options.end());
     argv.insert(argv.end(), {"-c:v", "copy", world.media(row.name)});
     ASSERT_TRUE(kxtest::run(argv)) << row.name;

@@ -24,19 +24,9 @@ using Words = std::vector<std::string>;
 void makeStream(const std::string& path, double seconds, const std::string& colour,
                 const Words& form) {
   const std::string length = std::to_string(seconds);
-  Words argv = {"ffmpeg",
-                "-nostdin",
-                "-v",
-                "error",
-                "-y",
-                "-f",
-                "lavfi",
-                "-i",
-                "color=c=" + colour + ":s=352x288:r=25:d=" + length,
-                "-f",
-                "lavfi",
-                "-i",
-                "sine=f=440:r=48000:d=" + length};
+  Words argv =
+      quietFfmpeg({"-f", "lavfi", "-i", "color=c=" + colour + ":s=352x288:r=25:d=" + length, "-f",
+                   "lavfi", "-i", "sine=f=440:r=48000:d=" + length});
   argv.insert(argv.end(), form.begin(), form.end());
   argv.push_back(path);
   if (!run(argv)) throw std::runtime_error("ffmpeg cannot make " + path);
@@ -213,9 +203,8 @@ std::vector<std::string> mountsBelow(const std::string& folder) {
 }
 
 std::string colourAt(const std::string& video, double seconds) {
-  const auto pixel =
-      run({"ffmpeg", "-nostdin", "-v", "error", "-ss", std::to_string(seconds), "-i", video,
-           "-frames:v", "1", "-vf", "scale=1:1,format=rgb24", "-f", "rawvideo", "-"});
+  const auto pixel = run(quietFfmpeg({"-ss", std::to_string(seconds), "-i", video, "-frames:v", "1",
+                                      "-vf", "scale=1:1,format=rgb24", "-f", "rawvideo", "-"}));
   if (!pixel || pixel->size() != 3) return "none";
   const auto largest = std::ranges::max_element(*pixel, [](char a, char b) {
     return static_cast<unsigned char>(a) < static_cast<unsigned char>(b);

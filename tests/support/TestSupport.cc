@@ -150,31 +150,32 @@ std::optional<std::string> run(const std::vector<std::string>& argv) {
   return out;
 }
 
+std::vector<std::string> childPrograms() {
+  std::vector<std::string> names;
+  std::error_code ended;  // threads come and go
+  for (const auto& task : fs::directory_iterator("/proc/self/task", ended)) {
+    std::ifstream list(task.path() / "children");
+    for (int pid = 0; list >> pid;)
+      names.push_back(readFile("/proc/" + std::to_string(pid) + "/comm"));
+  }
+  return names;
+}
+
+std::vector<std::string> quietFfmpeg(const std::vector<std::string>& arguments) {
+  std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y"};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  return argv;
+}
+
 void makeClip(const std::string& path, int width, int height, double seconds,
               const std::vector<std::string>& extraArgs) {
   const std::string duration = std::to_string(seconds);
-  std::vector<std::string> argv = {"ffmpeg",
-                                   "-nostdin",
-                                   "-v",
-                                   "error",
-                                   "-y",
-                                   "-f",
-                                   "lavfi",
-                                   "-i",
-                                   "testsrc2=size=" + std::to_string(width) + "x" +
-                                       std::to_string(height) + ":rate=25:duration=" + duration,
-                                   "-f",
-                                   "lavfi",
-                                   "-i",
-                                   "sine=frequency=440:sample_rate=44100:duration=" + duration,
-                                   "-pix_fmt",
-                                   "yuv420p",
-                                   "-c:v",
-                                   "libx264",
-                                   "-preset",
-                                   "ultrafast",
-                                   "-c:a",
-                                   "aac"};
+  std::vector<std::string> argv = quietFfmpeg(
+      {"-f", "lavfi", "-i",
+       "testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) +
+           ":rate=25:duration=" + duration,
+       "-f", "lavfi", "-i", "sine=frequency=440:sample_rate=44100:duration=" + duration, "-pix_fmt",
+       "yuv420p", "-c:v", "libx264", "-preset", "ultrafast", "-c:a", "aac"});
   argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
   argv.push_back(path);
   if (!run(argv)) throw std::runtime_error("ffmpeg cannot make " + path);

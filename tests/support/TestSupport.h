@@ -82,6 +82,12 @@ bool waitUntil(const std::function<bool()>& condition,
 // Runs a program and returns its standard output; nothing when it fails.
 std::optional<std::string> run(const std::vector<std::string>& argv);
 
+// Names of the programs that this process has started and that still run.
+std::vector<std::string> childPrograms();
+
+// The command of an ffmpeg that asks nothing, writes over what is there and speaks of errors only.
+std::vector<std::string> quietFfmpeg(const std::vector<std::string>& arguments = {});
+
 // Makes a clip with ffmpeg's test sources: H.264 and AAC in MP4 unless the extra output
 // arguments say otherwise. Throws when ffmpeg fails.
 void makeClip(const std::string& path, int width = 320, int height = 240, double seconds = 1.0,
