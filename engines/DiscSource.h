@@ -6,6 +6,7 @@
 
 #include "KxMediainfo.h"
 #include "engines/DiscMount.h"
+#include "engines/DiscTitle.h"
 #include "engines/OpeningWatch.h"
 
 namespace engines {
@@ -29,7 +30,7 @@ class DiscSource {
   // The same as the codec add-on sees it.
   const std::string& addOnPath() const { return m_addOnPath; }
   // Files of the main title in playing order; none for a source that is no disc.
-  std::vector<std::string> titleFiles();
+  std::vector<std::string> titleFiles() { return m_title.files(); }
   // The input argument of the software encoder; empty when the files of the title cannot be
   // named in one argument.
   std::string encoderInput();
@@ -37,15 +38,10 @@ class DiscSource {
   int release() { return m_mount.release(); }
 
  private:
-  enum class Disc { None, Dvd, BluRay };
-
-  void findDisc();
-
   DiscMount m_mount;
   std::optional<OpeningWatch> m_watch;  // of an image, between attach() and probe()
-  Disc m_disc = Disc::None;
-  KxDvd m_dvd;
-  KxBd m_bd;
+  DiscTitle m_title;
+  bool m_isDisc = false;
   std::string m_hostPath;
   std::string m_addOnPath;
 };

@@ -1,6 +1,7 @@
 #include "resources/Conversion.h"
 
 #include "KxHostPlatform.h"
+#include "engines/DiscTitle.h"
 #include "resources/EncoderLog.h"
 #include "resources/MediaTimes.h"
 
@@ -29,12 +30,10 @@ std::string missingTrack(const char* kind, int track, int count) {
          std::to_string(count - 1);
 }
 
-// The time stamps of a DVD's title begin anew where its scenes were joined. An encoder that
-// takes a jump of some seconds for a pause adds that pause to the result.
 std::vector<std::string> sourceArguments(const KxMediaInfo& info) {
   constexpr int32_t kDvdFolder = 1;
   if (info.m_mediaType != kDvdFolder) return {};
-  return {"-dts_delta_threshold", "1"};
+  return engines::dvdReadingOptions();
 }
 
 bool isPackedSound(const KxStream& audio) {

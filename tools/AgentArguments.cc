@@ -287,6 +287,7 @@ std::optional<HardwareEncoder> chooseEncoder(const AgentRequest& request,
 Words encoderWords(const AgentRequest& request, const HardwareEncoder& encoder) {
   Words words = {"-y"};
   if (encoder.kind == EncoderKind::Vaapi) append(words, {"-vaapi_device", encoder.device});
+  append(words, request.readingOptions);
   addPositive(words, "-ss", request.start);
   append(words, {"-noautorotate", "-i", request.input});
   const auto addOutput = [&](const std::string& path, const char* mp4Flags) {

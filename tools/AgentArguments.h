@@ -21,6 +21,7 @@ struct HardwareEncoder {
 struct AgentRequest {
   std::string container;
   std::string input;
+  Words readingOptions;  ///< of the encoder, that the input needs
   std::string output;
   std::string pipeOutput;  ///< second output that is read while it grows; may be empty
   std::string startFile;   ///< file whose first number replaces the start; may be empty

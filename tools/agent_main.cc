@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "engines/DiscTitle.h"
+#include "frame/Log.h"
 #include "tools/AgentArguments.h"
 
 namespace {
@@ -37,7 +39,25 @@ bool isFolder(const std::string& path) {
   return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
+// Puts the main title in place of a disc.
+bool openDisc(kxtools::AgentRequest& request, std::string& fault) {
+  const std::string path = request.input;
+  engines::DiscTitle title;
+  if (!title.find(path)) {
+    fault = path + " is a folder without a disc";
+    return !isFolder(path);
+  }
+  request.input = title.encoderInput();
+  request.readingOptions = title.readingOptions();
+  fault = "the path of a DVD must not hold a \"|\": " + path;
+  return !request.input.empty();
+}
+
 }  // namespace
+
+// The standard error is the progress report, and the service knows what there is on a disc.
+extern "C" void myDebugUtilWrapperPrint(int, int, const char*, int, const char*, const char*, ...) {
+}
 
 int main(int argc, char** argv) {
   std::string fault;
@@ -45,8 +65,7 @@ int main(int argc, char** argv) {
   if (!request) return fail(fault);
   if (!request->startFile.empty() && !(std::ifstream(request->startFile) >> request->start))
     return fail("cannot read the start from " + request->startFile);
-  // The parts of a disc's title are put together by the software engine.
-  if (isFolder(request->input)) return fail(request->input + " is a folder");
+  if (!openDisc(*request, fault)) return fail(fault);
 
   kxtools::EncoderSources sources;
   const char* standIn = getenv("KX_AGENT_ENCODER");

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -78,19 +79,8 @@ class Discs : public testing::Test {
     EXPECT_THAT(mountsBelow(world.root().path()), IsEmpty());
     const std::string mounts = world.root().path() + "/run/xcode/iso";
     EXPECT_TRUE(!fs::exists(mounts) || fs::is_empty(mounts));
-    EXPECT_THAT(children(), IsEmpty());
+    EXPECT_THAT(childPrograms(), IsEmpty());
     EXPECT_EQ(world.registrations(), 0U);
-  }
-
-  // Names of the programs that this process has started and that still run.
-  static std::vector<std::string> children() {
-    std::vector<std::string> names;
-    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-      std::ifstream list(task.path() / "children");
-      for (int pid = 0; list >> pid;)
-        names.push_back(readFile("/proc/" + std::to_string(pid) + "/comm"));
-    }
-    return names;
   }
 
   // Runs a job that has to fail, soon, and without a trace.
@@ -248,6 +238,62 @@ TEST_F(Discs, SeveralProfilesOfADiscAreMadeAndFoundAgain) {
   world.setEncoder("exit 1\n");
   EXPECT_EQ(world.run(dvd.top(), PROFILE_240P | PROFILE_360P).status, JOB_DONE);
   EXPECT_EQ(fs::last_write_time(kxJobOutputs(row)[0].path), made);
+}
+
+namespace {
+
+// A card whose agent is the shipped one, with a software encoder in place of the hardware.
+class DiscsOnACard : public Discs {
+ public:
+  DiscsOnACard() {
+    for (const char* program : {"ffmpeg", "transcode_agent"}) world.root().install(program);
+    world.setCards({"gpu0:maker:model:external:1"});
+    setenv("KX_AGENT_ENCODER", "libx264", 1);
+  }
+  ~DiscsOnACard() override { unsetenv("KX_AGENT_ENCODER"); }
+
+ protected:
+  void expectDoneByTheCard(const KxDBTaskParam& row) {
+    EXPECT_EQ(world.reason(row.id), "");
+    EXPECT_TRUE(log.has(5, "KxTranscodeUnit2", "resId(gpu0) transcode success\n"));
+    EXPECT_FALSE(log.hasPart("resId(sw_cpu)"));
+  }
+};
+
+}  // namespace
+
+TEST_F(DiscsOnACard, ADvdFolderIsDoneByTheCard) {
+  const DvdFolder dvd = makeDvd("Film");
+  const KxDBTaskParam row = world.run(dvd.top(), PROFILE_240P);
+  expectDvdTitle(row);
+  expectDoneByTheCard(row);
+}
+
+TEST_F(DiscsOnACard, ADvdTitleThatBeginsItsTimeAnewIsDoneByTheCard) {
+  const DvdFolder dvd(world.media("Film"));
+  dvd.addTitleSet(1, {"red"}, 3);
+  makeVob(world.media("next.vob"), 2, "green");
+  writeFile(dvd.part(1, 1), readFile(dvd.part(1, 1)) + readFile(world.media("next.vob")));
+  dvd.writeTable(1);
+  const KxDBTaskParam row = world.run(dvd.top(), PROFILE_240P);
+  expectMainTitle(row, 5);
+  expectDoneByTheCard(row);
+}
+
+TEST_F(DiscsOnACard, ABluRayFolderIsDoneByTheCard) {
+  const BluRayFolder disc = makeBluRay("Film");
+  const KxDBTaskParam row = world.run(disc.top(), PROFILE_240P);
+  expectMainTitle(row, 3);
+  expectDoneByTheCard(row);
+}
+
+TEST_F(DiscsOnACard, AnImageIsDoneByTheCard) {
+  if (!canMountImages()) GTEST_SKIP() << "mounting is not possible here";
+  const std::string image = imageOf(makeDvd("Film").top(), Image::Bridge);
+  if (image.empty()) GTEST_SKIP() << "no program to make disc images";
+  const KxDBTaskParam row = world.run(image, PROFILE_240P);
+  expectDvdTitle(row);
+  expectDoneByTheCard(row);
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, DiscImages,

@@ -10,10 +10,14 @@
 
 #include "Misc.h"
 #include "frame/ChildProcess.h"
+#include "tests/support/Discs.h"
 #include "tests/tools/ToolsTest.h"
 #include "tools/AgentArguments.h"
 
 namespace fs = std::filesystem;
+using kxtest::BluRayFolder;
+using kxtest::colourAt;
+using kxtest::DvdFolder;
 using kxtest::makeClip;
 using kxtest::readFile;
 using kxtest::runTool;
@@ -226,7 +230,36 @@ TEST_F(TranscodeAgent, TurnsThePictureWithoutDistortingIt) {
   }
 }
 
-TEST_F(TranscodeAgent, FailsCleanlyWithoutHardwareAndOnDiscFolders) {
+TEST_F(TranscodeAgent, PutsTheMainTitleInPlaceOfADvd) {
+  const DvdFolder dvd(m_dir / "it's a Film, 100%");
+  dvd.addTitleSet(1, {"blue"}, 0.4);
+  dvd.addTitleSet(2, {"red", "green"}, 1);
+  for (const std::string& input : {dvd.top(), dvd.top() + "/", dvd.file("VIDEO_TS.IFO")}) {
+    ASSERT_EQ(encode({"-m", "mp4", "-ca", "aac", "-i", input, "-o", m_dir / "out.mp4"}), 0)
+        << readFile(m_dir / "log");
+    EXPECT_EQ(colourAt(m_dir / "out.mp4", 0.3), "red");
+    EXPECT_EQ(colourAt(m_dir / "out.mp4", 1.5), "green");
+  }
+}
+
+TEST_F(TranscodeAgent, PutsTheMainStreamInPlaceOfABluRayDisc) {
+  const BluRayFolder disc(m_dir / "a|b");
+  disc.addStream("00001", 0.4, "blue");
+  disc.addStream("00003", 1, "red");
+  ASSERT_EQ(encode({"-m", "mp4", "-ca", "aac", "-i", disc.top(), "-o", m_dir / "out.mp4"}), 0)
+      << readFile(m_dir / "log");
+  EXPECT_EQ(colourAt(m_dir / "out.mp4", 0.5), "red");
+}
+
+TEST_F(TranscodeAgent, RefusesADvdWhosePartsCannotBeNamed) {
+  const DvdFolder dvd(m_dir / "a|b");
+  dvd.addTitleSet(1, {"red"}, 0.4);
+  EXPECT_EQ(encode({"-m", "mp4", "-i", dvd.top(), "-o", m_dir / "out.mp4"}), 1);
+  EXPECT_EQ(readFile(m_dir / "log"),
+            "transcode_agent: the path of a DVD must not hold a \"|\": " + dvd.top() + "\n");
+}
+
+TEST_F(TranscodeAgent, FailsCleanlyWithoutHardwareAndOnOtherFolders) {
   makeClip(m_dir / "in.mp4", 320, 240, 0.2);
   unsetenv("KX_AGENT_ENCODER");
   if (!fs::exists("/dev/nvidiactl")) {
@@ -240,7 +273,7 @@ TEST_F(TranscodeAgent, FailsCleanlyWithoutHardwareAndOnDiscFolders) {
   setenv("KX_AGENT_ENCODER", "libx264", 1);
   EXPECT_EQ(encode({"-m", "mp4", "-i", m_dir.path().string(), "-o", m_dir / "out.mp4"}), 1);
   EXPECT_EQ(readFile(m_dir / "log"),
-            "transcode_agent: " + m_dir.path().string() + " is a folder\n");
+            "transcode_agent: " + m_dir.path().string() + " is a folder without a disc\n");
 }
 
 TEST_F(TranscodeAgent, BecomesTheEncoderSoThatASignalEndsIt) {
