@@ -63,7 +63,7 @@ std::vector<std::string> audioEncoders(const std::string& program, const struct 
   const auto known = gEncoders.find(identity);
   if (known != gEncoders.end()) return known->second;
   const ExecResult result =
-      kxhost::runProgram({program, "-hide_banner", "-encoders"}, {kAskLimit, 1 << 20});
+      kxhost::runProgram({program, "-hide_banner", "-encoders"}, {kAskLimit, 1 << 20, true});
   if (!kxhost::succeeded(result)) return {};
   return gEncoders[identity] = parseAudioEncoders(result.out);
 }

@@ -2,11 +2,9 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <future>
@@ -14,6 +12,7 @@
 
 #include "frame/ChildProcess.h"
 #include "frame/Log.h"
+#include "frame/StopSignal.h"
 #include "frame/UniqueFd.h"
 
 namespace kxhost {
@@ -21,6 +20,7 @@ namespace {
 
 constexpr const char* kLogSource = "ProgramRun";
 constexpr std::chrono::milliseconds kGrace{500};
+constexpr RunLimits kPartOfWork = {.endsWithWork = true};
 
 // Reads what the pipe holds now. @return false at its end or beyond the limit.
 bool drain(int fd, std::string& out, size_t limit) {
@@ -35,23 +35,26 @@ bool drain(int fd, std::string& out, size_t limit) {
   }
 }
 
-// Collects the output until the pipe ends or the program does: something it left in the
-// background may keep the pipe open for ever. @return false when a limit was exceeded.
+// Collects the output until the program ends: something it left in the background may keep the
+// pipe open for ever. @return false when a limit was exceeded.
 bool collectOutput(ChildProcess& child, const RunLimits& limits, std::string& out) {
   const auto deadline = std::chrono::steady_clock::now() + limits.time;
-  const UniqueFd ended(static_cast<int>(syscall(SYS_pidfd_open, child.pid(), 0)));
-  fcntl(child.stdoutFd(), F_SETFL, O_NONBLOCK);
+  const int stopFd = limits.endsWithWork ? StopSignal::fd() : -1;
+  int outFd = child.stdoutFd();
+  fcntl(outFd, F_SETFL, O_NONBLOCK);
   for (;;) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) return false;
-    std::array<pollfd, 2> fds = {{{child.stdoutFd(), POLLIN, 0}, {ended.get(), POLLIN, 0}}};
+    std::array<pollfd, 3> fds = {
+        {{outFd, POLLIN, 0}, {child.pidFd(), POLLIN, 0}, {stopFd, POLLIN, 0}}};
     const int ready = poll(fds.data(), fds.size(), static_cast<int>(left.count()));
     if (ready < 0 && errno != EINTR) return false;
-    const bool open = drain(child.stdoutFd(), out, limits.outputBytes);
+    if (ready > 0 && fds[2].revents != 0) return false;
+    if (outFd >= 0 && !drain(outFd, out, limits.outputBytes)) outFd = -1;
     if (out.size() > limits.outputBytes) return false;
-    if (!open) return child.waitFor(std::max(left, std::chrono::milliseconds(1))).has_value();
     if (ready > 0 && fds[1].revents != 0) return true;
+    if (outFd < 0 && child.pidFd() < 0) return child.waitFor(left).has_value();
   }
 }
 
@@ -66,7 +69,7 @@ ExecResult runProgram(const std::vector<std::string>& argv, const RunLimits& lim
   if (!child.valid()) return result;
   result.ran = 1;
   const bool inTime = collectOutput(child, limits, result.out);
-  if (!inTime) KX_LOG("%s exceeds its limits, it is ended\n", argv[0].c_str());
+  if (!inTime) KX_LOG("%s is ended before it is done\n", argv[0].c_str());
   const int status = inTime ? child.wait() : child.terminate(kGrace);
   if (WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
@@ -108,7 +111,7 @@ int MyUtil_Exec2(ExecResult& r, bool wait, const char* const* argvNullEnded) {
   const std::vector<std::string> argv = kxhost::toVector(argvNullEnded);
   r = {};
   if (argv.empty()) return 1;
-  r = wait ? kxhost::runProgram(argv) : kxhost::startInBackground(argv);
+  r = wait ? kxhost::runProgram(argv, kxhost::kPartOfWork) : kxhost::startInBackground(argv);
   return r.ran != 0 && r.signal == 0 ? 0 : 1;
 }
 
@@ -119,7 +122,7 @@ int MyUtil_ExecSyncWithOutputString(std::string& out, const char* const* argvNul
 }
 
 int MyExec::run(const std::vector<std::string>& argv, std::string& out) {
-  const ExecResult result = kxhost::runProgram(argv);
+  const ExecResult result = kxhost::runProgram(argv, kxhost::kPartOfWork);
   out = result.out;
   if (result.ran == 0) return 127;
   return result.signal != 0 ? 128 + result.signal : result.exitStatus;

@@ -12,6 +12,8 @@ namespace kxhost {
 struct RunLimits {
   std::chrono::milliseconds time = std::chrono::seconds(30);
   size_t outputBytes = 8 << 20;
+  /// Ends the program also when the calling thread's StopSignal is set.
+  bool endsWithWork = false;
 };
 
 /// Runs a program to its end, without a shell, and captures its standard output. Standard

@@ -1,6 +1,7 @@
 #include "resources/BoundedRun.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -13,6 +14,8 @@
 #include <utility>
 
 #include "frame/Log.h"
+#include "frame/StopSignal.h"
+#include "frame/UniqueFd.h"
 
 static constexpr const char* kLogSource = "KxResMgr2";
 
@@ -40,6 +43,7 @@ void killChildrenOfThread(pid_t tid) {
 
 struct BoundedRun::State {
   std::vector<std::string> argv;
+  UniqueFd stopFd;  // of whoever asked for the run
   std::mutex mutex;
   std::condition_variable changed;
   pid_t tid = -1;
@@ -54,6 +58,7 @@ struct BoundedRun::State {
       tid = static_cast<pid_t>(syscall(SYS_gettid));
     }
     std::string text;
+    const StopSignal stop(stopFd.get());
     const int status = MyExec::run(argv, text);
     const std::lock_guard<std::mutex> lock(mutex);
     result = status;
@@ -77,6 +82,7 @@ BoundedRun::BoundedRun(std::vector<std::string> argv, std::chrono::milliseconds 
   }
   auto state = std::make_shared<State>();
   state->argv = std::move(argv);
+  state->stopFd.reset(fcntl(StopSignal::fd(), F_DUPFD_CLOEXEC, 0));
   try {
     std::thread([state] { state->run(); }).detach();
     m_state = std::move(state);

@@ -7,7 +7,8 @@
 
 // Runs one program through MyExec::run, which has no time limit of its own, on a thread that
 // may be given up: a program that never answers is killed and counts as failed, and the
-// caller goes on. Several can be started before the first is waited for.
+// caller goes on. Several can be started before the first is waited for. The program also ends
+// when the StopSignal of the thread that made the object is set.
 //
 // Each object is used from one thread.
 class BoundedRun {

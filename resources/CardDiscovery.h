@@ -1,6 +1,5 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -16,16 +15,20 @@ struct CardLook {
 };
 
 // Shares one look at the accelerator tool among all who ask at the same time. Nothing is kept
-// once it has been handed out: the next question looks again. Callable from any thread.
+// once it has been handed out: the next question looks again. Callable from any thread; one
+// whose StopSignal is set gets a failed look at once, and the tool is ended when nobody else
+// waits for it.
 class CardDiscovery {
  public:
   std::shared_ptr<const CardLook> look();
 
  private:
-  struct Flight;
+  class Flight;
+
+  std::shared_ptr<Flight> join();
+  void leave(const std::shared_ptr<Flight>& flight);
 
   std::mutex m_mutex;
-  std::condition_variable m_landed;
   std::shared_ptr<Flight> m_flight;  // the look in progress
   std::uint64_t m_lastNumber = 0;
 };

@@ -1,8 +1,10 @@
 #include "resources/ChildWatch.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -28,6 +30,8 @@ using std::chrono::steady_clock;
 constexpr milliseconds kGrace{700};
 // Progress is asked for at this interval, so never for a child that ends sooner.
 constexpr milliseconds kTick{1000};
+// Waits are cut into such steps where there is no descriptor to wait for.
+constexpr milliseconds kStep{20};
 constexpr int kDefaultStallSeconds = 600;
 
 // Tells whether anything moved since it was last asked.
@@ -78,7 +82,6 @@ enum class Wake { ChildEnded, RunEnds, Tick };
 // Waits until a child ended, the run has to end, or it is time to look at the progress. Without
 // a pidfd or a notification the wait is cut into short steps instead.
 Wake waitForSomething(JobRun& run, const std::vector<ChildProcess*>& children) {
-  constexpr milliseconds kStep{20};
   const auto tick = steady_clock::now() + kTick;
   std::vector<pollfd> ends = {{run.endFd(), POLLIN, 0}};
   for (const ChildProcess* child : children) ends.push_back({child->pidFd(), POLLIN, 0});
@@ -93,6 +96,13 @@ Wake waitForSomething(JobRun& run, const std::vector<ChildProcess*>& children) {
     poll(ends.data(), ends.size(),
          static_cast<int>((haveAll ? left : std::min(left, kStep)).count()));
   }
+}
+
+void waitForOutput(const JobRun& run, const ChildProcess& child, int output) {
+  std::array<pollfd, 3> ends = {
+      {{output, POLLIN, 0}, {child.pidFd(), POLLIN, 0}, {run.endFd(), POLLIN, 0}}};
+  const bool haveAll = child.pidFd() >= 0 && run.endFd() >= 0;
+  poll(ends.data(), ends.size(), static_cast<int>((haveAll ? kTick : kStep).count()));
 }
 
 // Tells all to end before it waits for any.
@@ -127,12 +137,31 @@ ChildEnd endOf(int status) {
           WIFSIGNALED(status)};
 }
 
+ChildEnd endStopped(ChildProcess& child) {
+  stopChildren({&child});
+  return {ChildEnd::Kind::Stopped, miscAnalysisRet(child.wait()), false};
+}
+
 // Ends a child that made no progress for the time of stallLimit().
 ChildEnd endStalled(ChildProcess& child) {
   KX_RUNNER_LOG_LEVEL(2, "pid %d made no progress for %d seconds, so we kill it\n", child.pid(),
                       static_cast<int>(stallLimit().count()));
   endChildren({&child});
   return {ChildEnd::Kind::Stalled, miscAnalysisRet(child.wait()), false};
+}
+
+// By the error of a start that failed.
+const char* whatCouldNotBeHad(int error) {
+  switch (error) {
+  case EMFILE:
+  case ENFILE:
+    return "create pipe error\n";
+  case EAGAIN:
+  case ENOMEM:
+    return "fork error\n";
+  default:
+    return "end of execvp - shouldn't come here\n";
+  }
 }
 
 }  // namespace
@@ -170,13 +199,33 @@ ChildProcess startReadChild(const std::vector<std::string>& argv, ChildProcess::
   options.captureStdout = true;
   ChildProcess child = ChildProcess::spawn(argv, options);
   if (child.valid()) return child;
-  const bool lacksDescriptors = errno == EMFILE || errno == ENFILE;
-  KX_RUNNER_LOG(lacksDescriptors ? "create pipe error\n" : "fork error\n");
+  KX_RUNNER_LOG("%s", whatCouldNotBeHad(errno));
   return child;
 }
 
-void stopChild(ChildProcess& child) {
-  stopChildren({&child});
+ChildEnd followPrinter(JobRun& run, ChildProcess& child,
+                       const std::function<void(std::string_view)>& onText) {
+  const ShownChild shown(run, child.pid());
+  const seconds limit = stallLimit();
+  auto lastWord = steady_clock::now();
+  std::array<char, 4096> buffer;
+  int output = child.stdoutFd();
+  fcntl(output, F_SETFL, O_NONBLOCK);
+  while (true) {
+    waitForOutput(run, child, output);
+    if (run.mustEnd()) return endStopped(child);
+    // Asked before the last of its words is read.
+    const bool hasEnded = child.poll().has_value();
+    const ssize_t count = output < 0 ? 0 : read(output, buffer.data(), buffer.size());
+    if (count > 0) {
+      lastWord = steady_clock::now();
+      onText({buffer.data(), static_cast<size_t>(count)});
+      continue;
+    }
+    if (hasEnded) return endOf(child.wait());
+    if (count == 0) output = -1;  // closed by a program that goes on
+    if (steady_clock::now() - lastWord >= limit) return endStalled(child);
+  }
 }
 
 struct ChildGroup::Member {
@@ -270,10 +319,7 @@ ChildEnd followChild(JobRun& run, pid_t pid, const WatchPoints& points, seconds 
   while (true) {
     const Wake wake = waitForSomething(run, {&child});
     if (wake == Wake::ChildEnded) return endOf(child.wait());
-    if (wake == Wake::RunEnds) {
-      stopChild(child);
-      return {ChildEnd::Kind::Stopped, miscAnalysisRet(child.wait()), false};
-    }
+    if (wake == Wake::RunEnds) return endStopped(child);
     progress.look();
     if (const auto percent = progress.percent()) run.showProgress(*percent);
     if (progress.isStalled(limit)) return endStalled(child);

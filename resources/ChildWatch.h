@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "frame/ChildProcess.h"
@@ -97,7 +98,9 @@ class ShownChild {
 // Starts a program whose output is read. Logs what could not be had when the result is not valid.
 ChildProcess startReadChild(const std::vector<std::string>& argv, ChildProcess::Options options);
 
-// Tells the child to end because the unit was stopped, and waits until it has.
-void stopChild(ChildProcess& child);
+// Follows a child of startReadChild() until it ends, as followChild() does; what it prints is its
+// progress. @param onText given all of it, in pieces
+ChildEnd followPrinter(JobRun& run, ChildProcess& child,
+                       const std::function<void(std::string_view)>& onText);
 
 }  // namespace runner

@@ -1,11 +1,8 @@
 #include "resources/MediaCatalog.h"
 
-#include <poll.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <array>
-#include <cctype>
+#include <vector>
 
 #include "Misc.h"
 #include "frame/ChildProcess.h"
@@ -18,32 +15,23 @@ namespace {
 constexpr const char* kCatalogTool = "/usr/local/medialibrary/bin/catalogcmd";
 constexpr size_t kMaxAnswer = 4096;
 
-// Reads what a child prints until it closes its output; false when the run has to end first.
-bool readAnswer(JobRun& run, ChildProcess& child, std::string& answer) {
-  std::array<char, 512> buffer;
-  while (true) {
-    std::array<pollfd, 2> ends = {pollfd{child.stdoutFd(), POLLIN, 0},
-                                  pollfd{run.endFd(), POLLIN, 0}};
-    poll(ends.data(), ends.size(), 1000);
-    if (run.mustEnd()) return false;
-    if (ends[0].revents == 0) continue;
-    const ssize_t count = read(child.stdoutFd(), buffer.data(), buffer.size());
-    if (count <= 0) return true;
-    if (answer.size() < kMaxAnswer) answer.append(buffer.data(), static_cast<size_t>(count));
-  }
-}
+struct ToolRun {
+  ChildEnd end;
+  std::string answer;
 
-// Runs the tool; false when it fails or the run has to end.
-bool runTool(JobRun& run, const std::vector<std::string>& arguments, std::string& answer) {
+  bool hasHung() const { return end.kind == ChildEnd::Kind::Stalled; }
+};
+
+ToolRun runTool(JobRun& run, const std::vector<std::string>& arguments) {
   std::vector<std::string> argv = {miscSystemPath(kCatalogTool)};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
+  ToolRun tool;
   ChildProcess child = startReadChild(argv, {});
-  if (!child.valid()) return false;
-  if (!readAnswer(run, child, answer)) {
-    stopChild(child);
-    return false;
-  }
-  return miscAnalysisRet(child.wait()) == 0;
+  if (!child.valid()) return tool;
+  tool.end = followPrinter(run, child, [&tool](std::string_view text) {
+    if (tool.answer.size() < kMaxAnswer) tool.answer += text;
+  });
+  return tool;
 }
 
 // The first number of an answer.
@@ -71,18 +59,17 @@ std::string mountPath(std::string path) {
 
 }  // namespace
 
-void addToCatalog(JobRun& run, const std::string& picture, const std::string& albumFolder) {
-  std::string answer;
-  if (!runTool(run, {"createfile", picture}, answer)) return;
-  const std::string id = objectId(answer);
-  KX_RUNNER_LOG("buf==> %s, objId=%s\n", answer.c_str(), id.c_str());
-  if (id.empty()) return;
+bool addToCatalog(JobRun& run, const std::string& picture, const std::string& albumFolder) {
+  const ToolRun made = runTool(run, {"createfile", picture});
+  if (!made.end.ok()) return !made.hasHung();
+  const std::string id = objectId(made.answer);
+  KX_RUNNER_LOG("buf==> %s, objId=%s\n", made.answer.c_str(), id.c_str());
+  if (id.empty()) return true;
   if (mountPath(albumFolder).empty()) {
     KX_RUNNER_LOG("can not get mount path\n");
-    return;
+    return true;
   }
-  std::string ignored;
-  runTool(run, {"addToPicAlbum", id + ":" + albumFolder, "1"}, ignored);
+  return !runTool(run, {"addToPicAlbum", id + ":" + albumFolder, "1"}).hasHung();
 }
 
 }  // namespace runner

@@ -17,6 +17,7 @@ struct MediaCloser {
 using MediaFile = std::unique_ptr<AVFormatContext, MediaCloser>;
 
 // Opens a plain local file, and nothing that it might name. Null when it cannot be opened.
+// Reading it fails as soon as the thread's StopSignal is set.
 MediaFile openMediaFile(const std::string& path);
 
 struct PacketFree {

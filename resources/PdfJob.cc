@@ -1,14 +1,12 @@
 #include "resources/PdfJob.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -23,6 +21,7 @@
 #include "resources/MediaCatalog.h"
 #include "resources/ResourceUse.h"
 #include "resources/RunnerLog.h"
+#include "resources/SubtitleText.h"
 
 namespace runner {
 namespace {
@@ -101,9 +100,9 @@ PdfJob::PdfJob(JobRun& run)
       m_scratch(scratchBeside(m_pagePath)) {}
 
 bool PdfJob::run() {
-  if (openFolder() && countPages() && renderOnCpu() && publishPages()) return true;
+  if (openFolder() && countPages() && workOnCpu()) return true;
   discardPages();
-  KX_RUNNER_LOG("status != 0, update db status as ERROR\n");
+  if (!m_run.mustEnd()) KX_RUNNER_LOG("status != 0, update db status as ERROR\n");
   return false;
 }
 
@@ -134,7 +133,7 @@ bool PdfJob::countPages() {
   return m_run.fail(fault.empty() ? faultOfCount(m_pageCount) : fault);
 }
 
-bool PdfJob::renderOnCpu() {
+bool PdfJob::workOnCpu() {
   const std::vector<KxResource2> resources = resourcesToTry(5);
   const auto cpu = std::ranges::find(resources, RES2_SW_CPU, &KxResource2::resType);
   if (cpu == resources.end()) {
@@ -143,7 +142,7 @@ bool PdfJob::renderOnCpu() {
   }
   const Registration registration(m_run, {*cpu}, registrationInfo(m_run, 0, 0));
   if (!registration.valid()) return m_run.fail(cpu->id + ": cannot be used");
-  return render();
+  return render() && publishPages();
 }
 
 std::vector<std::string> PdfJob::command() const {
@@ -161,47 +160,33 @@ std::vector<std::string> PdfJob::command() const {
 }
 
 bool PdfJob::render() {
+  if (encodingOf(m_run.source().path() + m_pagePath) != kUtf8)
+    return m_run.fail("the renderer only finds documents whose names are UTF-8");
+  const std::string fault = runRenderer();
+  if (fault.empty()) return true;
+  const SourceName& source = m_run.source();
+  KX_RUNNER_LOG("gs transcode pdf %s%s fail\n", source.folder.c_str(), source.name.c_str());
+  return m_run.fail(fault);
+}
+
+std::string PdfJob::runRenderer() {
   const ScratchFolder scratch(m_scratch);
-  if (mymkdir(m_scratch.c_str(), kScratchMode) != 0)
-    return m_run.fail("cannot create the folder " + m_scratch);
+  if (mymkdir(m_scratch.c_str(), kScratchMode) != 0) return "cannot create the folder " + m_scratch;
   ChildProcess::Options options;
   options.stderrFile = m_scratch + "/gs.log";
   options.extraEnv = {"TMPDIR=" + m_scratch};
   ChildProcess child = startReadChild(command(), options);
-  if (!child.valid()) return m_run.fail("the renderer could not be started");
-  const ShownChild shown(m_run, child.pid());
-  if (followRenderer(child)) return true;
-  const std::string line = m_complaint.empty() ? complaintOf(options.stderrFile) : m_complaint;
-  const SourceName& source = m_run.source();
-  KX_RUNNER_LOG("gs transcode pdf %s%s fail\n", source.folder.c_str(), source.name.c_str());
-  return m_run.fail("the renderer failed" + (line.empty() ? "" : ": " + line));
-}
-
-// True when the renderer came to a good end by itself.
-bool PdfJob::followRenderer(ChildProcess& child) {
-  using std::chrono::steady_clock;
-  auto lastWord = steady_clock::now();
-  const auto limit = stallLimit();
-  std::array<char, 4096> buffer;
+  if (!child.valid()) return "the renderer could not be started";
+  m_hasRendered = true;
   std::string buffered;
-  while (true) {
-    std::array<pollfd, 2> ends = {pollfd{child.stdoutFd(), POLLIN, 0},
-                                  pollfd{m_run.endFd(), POLLIN, 0}};
-    poll(ends.data(), ends.size(), 1000);
-    const bool isStalled = steady_clock::now() - lastWord >= limit;
-    if (m_run.mustEnd() || isStalled) {
-      if (isStalled) m_run.fail("the renderer made no progress");
-      stopChild(child);
-      miscAnalysisRet(child.wait());
-      return false;
-    }
-    if (ends[0].revents == 0) continue;
-    const ssize_t count = read(child.stdoutFd(), buffer.data(), buffer.size());
-    if (count <= 0) return miscAnalysisRet(child.wait()) == 0;
-    lastWord = steady_clock::now();
-    buffered.append(buffer.data(), static_cast<size_t>(count));
+  const ChildEnd end = followPrinter(m_run, child, [&](std::string_view text) {
+    buffered += text;
     handleOutput(buffered);
-  }
+  });
+  if (end.ok()) return "";
+  if (end.kind == ChildEnd::Kind::Stalled) return "the renderer made no progress";
+  const std::string line = m_complaint.empty() ? complaintOf(options.stderrFile) : m_complaint;
+  return "the renderer failed" + (line.empty() ? "" : ": " + line);
 }
 
 // Takes the whole lines out of what was read so far.
@@ -247,19 +232,24 @@ bool PdfJob::publishPage(int page) {
     return m_run.fail("page " + std::to_string(page) + " was not rendered" +
                       (m_complaint.empty() ? "" : ": " + m_complaint));
   }
-  addToCatalog(m_run, path, m_pagePath);
+  // Pages are what the job is about: a library that hangs is told of no more of them.
+  if (m_libraryAnswers && !addToCatalog(m_run, path, m_pagePath)) {
+    m_libraryAnswers = false;
+    m_run.remark("the media library does not answer, it knows the pages before " +
+                 std::to_string(page));
+  }
   const int percent = static_cast<int>(int64_t{page} * 100 / m_pageCount);
   m_run.showProgress(percent);
   KX_RUNNER_LOG("update unit progress=%d\n", percent);
   return true;
 }
 
-// Pages of an unfinished run go; a folder that was there before keeps what it holds.
+// Pages of an unfinished run go; a folder that was there before keeps those that are whole.
 void PdfJob::discardPages() {
-  if (!m_pages.valid() || !m_isNewFolder) return;
-  for (int page = 1; page <= m_pageCount && m_pages.remove(pageName(page)); ++page) {
-  }
-  rmdir(m_pagePath.c_str());
+  if (!m_pages.valid() || (!m_isNewFolder && !m_hasRendered)) return;
+  for (int page = 1; page <= m_pageCount; ++page)
+    if (m_isNewFolder || !isWholeJpeg(m_pages, pageName(page))) m_pages.remove(pageName(page));
+  if (m_isNewFolder) rmdir(m_pagePath.c_str());
 }
 
 }  // namespace runner

@@ -3,7 +3,6 @@
 #include <string>
 #include <vector>
 
-#include "frame/ChildProcess.h"
 #include "resources/JobRun.h"
 #include "resources/OutputPlacement.h"
 
@@ -20,10 +19,10 @@ class PdfJob {
  private:
   bool openFolder();
   bool countPages();
-  bool renderOnCpu();
+  bool workOnCpu();
   bool render();
+  std::string runRenderer();
   std::vector<std::string> command() const;
-  bool followRenderer(ChildProcess& child);
   void handleOutput(std::string& buffered);
   void noteComplaint(const std::string& line);
   bool publishPages();
@@ -37,6 +36,8 @@ class PdfJob {
   std::string m_complaint;  // of the renderer
   OutputFolder m_pages;
   bool m_isNewFolder = false;
+  bool m_hasRendered = false;
+  bool m_libraryAnswers = true;
   int m_pageCount = 0;
 };
 

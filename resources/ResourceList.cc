@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <set>
 #include <string>
 #include <utility>
 
@@ -70,14 +69,15 @@ void ResourceList::removeJob(KxDBTask& task) {
 
 void ResourceList::removeDeadProcesses() {
   for (KxResource2& resource : m_entries) {
-    std::set<int> pids;
-    for (const KxRegister& entry : resource.reg)
-      if (entry.m_pid > 0) pids.insert(entry.m_pid);
-    for (const int pid : pids) {
+    for (size_t i = 0; i < resource.reg.size();) {
+      const int pid = resource.reg[i].m_pid;
       const std::string folder = "/proc/" + std::to_string(pid) + "/";
-      if (isFolder(folder)) continue;
+      if (pid <= 0 || isFolder(folder)) {
+        ++i;
+        continue;
+      }
       KX_LOG_AS("checkRegInfo", "%s is not exist, so we remove it from RegInfo\n", folder.c_str());
-      resource.rmRegInfo(pid);
+      resource.rmRegInfo(pid);  // this one and those of the same process; the next moves up
     }
   }
 }

@@ -40,10 +40,7 @@ KxResource2 bestNow(std::vector<KxResource2> candidates) {
 
 std::vector<KxResource2> resourcesToTry(int level) {
   const std::vector<KxResource2> all = KxResMgr2::getInstance()->getResVec();
-  if (all.empty()) {
-    KX_RUNNER_LOG_LEVEL(level, "resource vector is empty\n");
-    return {};
-  }
+  if (all.empty()) KX_RUNNER_LOG_LEVEL(level, "resource vector is empty\n");
   std::vector<KxResource2> ordered = getPriorityResVec(all);
   if (ordered.empty()) KX_RUNNER_LOG_LEVEL(level, "priority resource vector is empty\n");
   return ordered;

@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "KxHostPlatform.h"
+#include "frame/StopSignal.h"
+#include "frame/UniqueFd.h"
 #include "tests/support/TestSupport.h"
 
 using kxtest::emptyPdf;
@@ -58,6 +62,21 @@ TEST(PdfPages, EveryKindOfEncryptionIsToldFromDamage) {
     writeFile(dir / "doc.pdf", text);
     EXPECT_EQ(kxPdfGetPageNumber(dir / "doc.pdf"), KX_PDF_ENCRYPTED) << encryption;
   }
+}
+
+TEST(PdfPages, ACountThatTakesLongEndsWithTheWorkThatItIsPartOf) {
+  const TempDir dir;
+  // Each of its objects has to be found, for want of a table.
+  std::string text = "%PDF-1.4\n";
+  for (int i = 1; i <= 200000; ++i) text += std::to_string(i) + " 0 obj\n<<>>\nendobj\n";
+  writeFile(dir / "doc.pdf", text + "trailer <</Root 1 0 R>>\nstartxref\n0\n%%EOF");
+  const RecordingLog log;
+  const UniqueFd end(eventfd(1, EFD_CLOEXEC));
+  const StopSignal stop(end.get());
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(kxPdfGetPageNumber(dir / "doc.pdf"), KX_PDF_DAMAGED);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+  EXPECT_TRUE(log.has("the pages of " + (dir / "doc.pdf") + " were not counted to the end\n"));
 }
 
 TEST(PdfPages, GivesPagesOrAReasonForEveryRealDocument) {

@@ -1,6 +1,7 @@
 #include "host/ProgramRun.h"
 
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,8 @@
 #include <vector>
 
 #include "KxHostPlatform.h"
+#include "frame/StopSignal.h"
+#include "frame/UniqueFd.h"
 #include "tests/support/TestSupport.h"
 
 using kxtest::RecordingLog;
@@ -65,6 +68,26 @@ TEST(ProgramRun, EndsAProgramThatExceedsItsTime) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
   EXPECT_FALSE(kxhost::succeeded(result));
   EXPECT_NE(result.signal, 0);
+}
+
+TEST(ProgramRun, EndsAProgramWhenTheWorkThatItIsPartOfHasToEnd) {
+  const RecordingLog log;
+  const UniqueFd end(eventfd(1, EFD_CLOEXEC));
+  const StopSignal stop(end.get());
+  std::string out;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_NE(MyExec::run(shell("exec sleep 60"), out), 0);
+  // Also one that has closed its output.
+  EXPECT_NE(MyExec::run(shell("exec sleep 60 >&-"), out), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  // What cleans up after the work is not part of it.
+  EXPECT_TRUE(kxhost::succeeded(kxhost::runProgram(shell("sleep 0.1"))));
+}
+
+TEST(ProgramRun, WaitsForAProgramThatHasClosedItsOutput) {
+  std::string out;
+  EXPECT_EQ(MyExec::run(shell("echo x; exec >&-; sleep 0.1; exit 4"), out), 4);
+  EXPECT_EQ(out, "x\n");
 }
 
 TEST(ProgramRun, EndsAProgramThatWritesWithoutEnd) {

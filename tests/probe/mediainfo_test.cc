@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -15,6 +16,8 @@ extern "C" {
 }
 
 #include "KxMediainfo.h"
+#include "frame/StopSignal.h"
+#include "frame/UniqueFd.h"
 #include "probe/AsfHeader.h"
 #include "probe/CodecNumbers.h"
 #include "probe/FactsCache.h"
@@ -38,7 +41,7 @@ class MediaInfo : public testing::Test {
   // Rewrites a clip with ffmpeg without encoding it again.
   void remux(const std::vector<std::string>& inputs, const std::vector<std::string>& options,
              const std::string& output) const {
-    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y"};
+    std::vector<std::string> argv = kxtest::quietFfmpeg();
     for (const std::string& input : inputs) argv.insert(argv.end(), {"-i", input});
     argv.insert(argv.end(), options.begin(), options.end());
     argv.push_back(output);
@@ -53,8 +56,8 @@ class MediaInfo : public testing::Test {
 
   std::string picture() const {
     std::string path = m_dir / "cover.png";
-    EXPECT_TRUE(run({"ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
-                     "color=red:size=64x64", "-frames:v", "1", path}));
+    EXPECT_TRUE(run(kxtest::quietFfmpeg(
+        {"-f", "lavfi", "-i", "color=red:size=64x64", "-frames:v", "1", path})));
     return path;
   }
 
@@ -402,8 +405,8 @@ TEST_F(MediaInfo, FilesThatNameOtherFilesAreRefused) {
             "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXTINF:1.0,\nclip.ts\n#EXT-X-ENDLIST\n");
   writeFile(m_dir / "list.sdp", "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\n"
                                 "m=video 5004 RTP/AVP 96\na=rtpmap:96 H264/90000\n");
-  ASSERT_TRUE(run({"ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i", "testsrc=duration=1",
-                   m_dir / "img%d.jpg"}));
+  ASSERT_TRUE(
+      run(kxtest::quietFfmpeg({"-f", "lavfi", "-i", "testsrc=duration=1", m_dir / "img%d.jpg"})));
   writeFile(m_dir / "img%d.jpg", "not a picture");
   for (const char* name : {"list.mp4", "list.m3u8", "list.sdp", "img%d.jpg"}) {
     KxMediaInfo info;
@@ -415,6 +418,18 @@ TEST_F(MediaInfo, AProbeEndsWhenItsTimeIsOver) {
   makeClip(m_dir / "clip.mp4");
   kxprobe::FormatContext late(std::chrono::steady_clock::now());
   EXPECT_FALSE(late.open(m_dir / "clip.mp4") && late.readStreamInfo());
+}
+
+TEST_F(MediaInfo, AProbeEndsWhenTheWorkThatItIsPartOfHasToEnd) {
+  const std::string path = clip("a.mp4");
+  KxMediaInfo info;
+  {
+    const UniqueFd end(eventfd(1, EFD_CLOEXEC));
+    const StopSignal stop(end.get());
+    EXPECT_EQ(info.init(path), 1);
+  }
+  EXPECT_EQ(info.init(path), 0) << "the next one reads the file again";
+  EXPECT_EQ(info.getVideoTrackCount(), 1);
 }
 
 TEST_F(MediaInfo, TheLastFileIsRememberedWithTheSameMessages) {

@@ -1,14 +1,19 @@
 #include "KxResMgr2.h"
 
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <climits>
 #include <thread>
 
 #include "KxHostPlatform.h"
 #include "frame/ChildProcess.h"
+#include "frame/StopSignal.h"
+#include "frame/UniqueFd.h"
 #include "tests/resources/ResourceFixtures.h"
 
 using kxtest::FakeAccelerator;
@@ -74,6 +79,64 @@ TEST_F(KxResMgr2Test, InitRefusesAnEmptyGroupName) {
   EXPECT_TRUE(log.has(5, "KxResMgr2", "invaild cGroup name;"));
   EXPECT_TRUE(known().empty());
   EXPECT_EQ(accel.calls("-l"), 0U);
+}
+
+TEST_F(KxResMgr2Test, ASecondInitAddsTheBuiltInResourcesAgain) {
+  accel.setCards({"gpu0"});
+  EXPECT_EQ(manager().init("kx"), 0);
+  EXPECT_EQ(manager().init("kx"), 0);
+  EXPECT_EQ(idsOf(manager().getResVec()), (Ids{"sw_cpu", "gpu0", "sw_cpu"}));
+}
+
+TEST_F(KxResMgr2Test, EveryMessageNamesItsOperation) {
+  EXPECT_EQ(manager().init(""), 1);
+  accel.setCards({"gpu0"});
+  ASSERT_EQ(manager().init("kx"), 0);
+  accel.setCards({});
+  manager().getResVec();
+  KxRegister empty;
+  manager().regRes(empty);
+  manager().cGroupSetCpuLimit(50);
+  std::filesystem::remove(accel.path());
+  manager().getResVec();
+  manager().dump();
+  const std::pair<const char*, const char*> wanted[] = {
+      {"invaild cGroup name;", "init"},
+      {"accelctl -q output:", "checkRes"},
+      {"status:", "checkRes"},
+      {"res info:", "checkRes"},
+      {"detect new dev, add it to resource vector\n", "checkRes"},
+      {"cpuLimit=", "init"},
+      {"memLimit=", "init"},
+      {"remove non-existed device from resource vector\n", "checkRes"},
+      {"reg is empty\n", "regRes"},
+      {"path ", "checkRes"},
+      {"check resource fail", "getResVec"},
+      {"========dump resource vector=========\n", "dumpRes"},
+      {"==========dump unit vector=======\n", "dumpUnit"}};
+  const auto lines = log.lines();
+  auto from = lines.begin();
+  for (const auto& [text, function] : wanted) {
+    from = std::find_if(from, lines.end(), [start = text](const auto& line) {
+      return line.text.rfind(start, 0) == 0;
+    });
+    ASSERT_NE(from, lines.end()) << text;
+    EXPECT_EQ(from->func, function) << text;
+    EXPECT_EQ(from->source, "KxResMgr2") << text;
+    EXPECT_EQ(from->level, 5) << text;
+  }
+}
+
+TEST_F(KxResMgr2Test, TheTryLockAnswersWithTheThreadsErrno) {
+  KxResMgr2& one = manager();
+  errno = 0;
+  EXPECT_EQ(one.mutexTryLock(), 0);
+  EXPECT_FALSE(log.has("ResMgr trylock mutex fail\n"));
+  EXPECT_EQ(one.mutexUnLock(), 0);
+  errno = ENOENT;
+  EXPECT_EQ(one.mutexTryLock(), ENOENT);
+  EXPECT_TRUE(log.has(5, "KxResMgr2", "ResMgr trylock mutex fail\n"));
+  EXPECT_EQ(one.mutexUnLock(), 0);
 }
 
 TEST_F(KxResMgr2Test, ListsTheSoftwareResourceThenTheCards) {
@@ -253,6 +316,63 @@ TEST_F(KxResMgr2Test, CallersAtTheSameTimeShareOneLook) {
   EXPECT_EQ(accel.calls("-l"), shared + 1) << "a look must not be kept";
 }
 
+namespace {
+
+// A caller whose work can be ended, as that of a unit's thread.
+class StoppableCaller {
+ public:
+  explicit StoppableCaller(KxResMgr2& manager)
+      : m_thread([this, &manager] {
+          const StopSignal stop(m_end.get());
+          m_found = manager.getResVec().size();
+        }) {}
+  void stop() const { eventfd_write(m_end.get(), 1); }
+  size_t found() {
+    m_thread.join();
+    return m_found;
+  }
+
+ private:
+  const UniqueFd m_end{eventfd(0, EFD_CLOEXEC)};
+  size_t m_found = 99;
+  std::thread m_thread;
+};
+
+}  // namespace
+
+TEST_F(KxResMgr2Test, ACallerThatIsStoppedDoesNotWaitForAHangingTool) {
+  accel.setCards({"gpu0"});
+  ASSERT_EQ(manager().init("kx"), 0);
+  accel.hold("-l");
+  StoppableCaller caller(manager());
+  ASSERT_TRUE(kxtest::waitUntil([&] { return accel.running("-l") == 1; }));
+  const auto asked = std::chrono::steady_clock::now();
+  caller.stop();
+  EXPECT_EQ(caller.found(), 0U);
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
+  // Nobody waits for the tool any more.
+  EXPECT_TRUE(
+      kxtest::waitUntil([] { return kxtest::childPrograms().empty(); }, std::chrono::seconds(2)));
+  EXPECT_EQ(idsOf(known()), (Ids{"sw_cpu", "gpu0"}));
+  std::filesystem::remove(root.file("/accel/hold -l"));
+  EXPECT_EQ(idsOf(manager().getResVec()), (Ids{"sw_cpu", "gpu0"}));
+}
+
+TEST_F(KxResMgr2Test, ACallerThatIsStoppedLeavesTheLookToTheOthers) {
+  accel.setCards({"gpu0"});
+  ASSERT_EQ(manager().init("kx"), 0);
+  const size_t before = accel.calls("-l");
+  accel.hold("-l");
+  StoppableCaller stays(manager());
+  ASSERT_TRUE(kxtest::waitUntil([&] { return accel.running("-l") == 1; }));
+  StoppableCaller leaves(manager());
+  leaves.stop();
+  EXPECT_EQ(leaves.found(), 0U);
+  accel.release("-l");
+  EXPECT_EQ(stays.found(), 2U);
+  EXPECT_EQ(accel.calls("-l"), before + 1);
+}
+
 TEST_F(KxResMgr2Test, RegistersOnKnownResourcesOnly) {
   ASSERT_EQ(manager().init("kx"), 0);
   KxRegister unknown = unitRegistration("gpu9", RES2_GPU_INTERNAL, job(1));
@@ -295,6 +415,32 @@ TEST_F(KxResMgr2Test, DropsTheRegistrationsOfDeadProcesses) {
   ASSERT_EQ(resources[1].reg.size(), 2U);
   EXPECT_EQ(resources[1].reg[0].m_pid, getpid());
   EXPECT_EQ(resources[1].reg[1].m_pid, -1);
+}
+
+TEST_F(KxResMgr2Test, DeadProcessesGoInTheOrderOfTheirRegistrations) {
+  ASSERT_EQ(manager().init("kx"), 0);
+  std::vector<int> dead;
+  for (int i = 0; i < 2; ++i) {
+    ChildProcess child = ChildProcess::spawn({"/bin/true"}, {});
+    ASSERT_TRUE(child.valid());
+    dead.push_back(child.pid());
+    child.wait();
+  }
+  std::sort(dead.rbegin(), dead.rend());
+  for (const int pid : {dead[0], dead[1], dead[0]}) {
+    KxRegister reg = processRegistration("sw_cpu", RES2_SW_CPU, pid);
+    ASSERT_EQ(manager().regRes(reg), 0);
+  }
+  log.clear();
+  EXPECT_EQ(manager().checkRegInfo(), 0);
+  std::vector<std::string> expected;
+  expected.reserve(dead.size());
+  for (const int pid : dead) {
+    expected.push_back("/proc/" + std::to_string(pid) +
+                       "/ is not exist, so we remove it from RegInfo\n");
+  }
+  EXPECT_EQ(log.texts(), expected);
+  EXPECT_TRUE(manager().getResVec()[0].reg.empty());
 }
 
 TEST_F(KxResMgr2Test, TheCopiesItHandsOutAreTheCallersOwn) {

@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utime.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -149,6 +151,15 @@ TEST_F(JobRunner, EveryStepIsLoggedUnderTheThreadRoutine) {
   }
 }
 
+TEST_F(JobRunner, TheThreadOfAJobIsPutUnderTheLimits) {
+  world.run(clip("film.mp4"), 1 << 7);
+  for (const char* tasks : {"cpu/kxrunner/tasks", "memory/kxrunner/tasks"}) {
+    const int thread = atoi(readFile(world.cgroupFile(tasks)).c_str());
+    EXPECT_GT(thread, 0) << tasks;
+    EXPECT_NE(thread, gettid()) << tasks;
+  }
+}
+
 TEST_F(JobRunner, AJobThatSelectsNoProfileEndsWithItsDatesWritten) {
   const KxDBTaskParam row = world.run(clip("film.mp4"), 1 << 7);
   expectDone(row);
@@ -170,7 +181,9 @@ TEST_F(JobRunner, WithoutAnyResourceTheJobFails) {
   EXPECT_EQ(row.status, JOB_ERROR);
   EXPECT_EQ(world.reason(row.id), "mobile240p: there is no transcoding resource");
   EXPECT_TRUE(hasLine(2, "resource vector is empty\n"));
+  EXPECT_TRUE(hasLine(2, "priority resource vector is empty\n"));
   EXPECT_TRUE(world.leftovers().empty());
+  EXPECT_EQ(world.run(source, PROFILE_AUDIO).status, JOB_ERROR);
 }
 
 TEST_F(JobRunner, AFailedEncoderFailsTheJobAndItsLastWordIsKept) {
@@ -313,6 +326,25 @@ TEST_F(JobRunner, ATempFolderThatCannotBeMadeFailsTheJob) {
       hasLine(5, "can not create transcode temp foloder " + world.media(".@__thumb/temp/") + "\n"));
 }
 
+TEST_F(JobRunner, ASoundFolderThatCannotBeMadeFailsTheJob) {
+  const std::string source = clip("film.mp4");
+  writeFile(world.media("Video2audio"), "a file");
+  expectFailed(world.run(source, PROFILE_AUDIO), "video2audio: cannot create the folder");
+  EXPECT_TRUE(
+      hasLine(5, "can not create music transcode foloder " + world.media("Video2audio/") + "\n"));
+}
+
+TEST_F(JobRunner, ATranscoderThatCannotBeSetUpFailsTheJob) {
+  const std::string source = clip("film.mp4");
+  // There is no place for work folders.
+  fs::remove_all(world.root().path() + "/data");
+  writeFile(world.root().path() + "/data", "a file");
+  expectFailed(world.run(source, PROFILE_240P), "mobile240p: the transcoder could not be set up");
+  EXPECT_TRUE(hasLine(2, "transcoder for " + source + " init fail\n"));
+  expectFailed(world.run(source, PROFILE_AUDIO), "video2audio: the transcoder could not be set up");
+  EXPECT_TRUE(hasLine(5, "musicTranscoder for " + source + " init fail\n"));
+}
+
 TEST_F(JobRunner, ASilentVideoGivesASilentResultButNoSound) {
   const std::string source = clip("film.mp4", 160, 120, 1, {"-an"});
   expectDone(world.run(source, PROFILE_240P));
@@ -343,6 +375,7 @@ TEST_F(JobRunner, HostileNamesAreOnlyNames) {
                                "100%d %s.mp4",
                                "[a]:b,c=d\\e.mp4",
                                "Übersicht – тест 視頻.mp4",
+                               "no utf-8 \xff\xe4.mp4",
                                "two\nlines.mp4"};
   for (const std::string& name : names) {
     SCOPED_TRACE(name);
@@ -469,6 +502,44 @@ TEST_F(CardJob, WhenTheCardFailsTheCpuIsTried) {
   EXPECT_TRUE(hasLine(5, "unit transcode error on resId(gpu0)\n"));
   EXPECT_TRUE(hasLine(5, "keep trying the next resource transcode\n"));
   EXPECT_TRUE(hasLine(5, "resId(sw_cpu) transcode success\n"));
+}
+
+TEST_F(CardJob, TheLogTellsOfAFailedCardInOrder) {
+  const std::string source = clip("film.mp4");
+  world.setAgent("exit 9\n");
+  expectDone(world.run(source, PROFILE_240P), "gpu0: the encoder ended with 9; done by sw_cpu");
+  const std::vector<std::string> wanted = {"set reg to transcodeunit\n",
+                                           "child normal exit, ret=9\n",
+                                           "unit transcode error on resId(gpu0)\n",
+                                           "keep trying the next resource transcode\n",
+                                           "set reg to transcodeunit\n",
+                                           "child normal exit, ret=0\n",
+                                           "resId(sw_cpu) transcode success\n"};
+  std::vector<std::string> seen;
+  for (const std::string& text : log.texts())
+    if (std::ranges::find(wanted, text) != wanted.end()) seen.push_back(text);
+  EXPECT_EQ(seen, wanted);
+}
+
+TEST_F(CardJob, ACardThatIsGoneFromTheListIsPassedOver) {
+  const std::string source = clip("film.mp4");
+  world.setCards({"gpu0:maker:model:external:1", "gpu1:maker:model:external:1"});
+  world.setAgent("touch '" + world.media("begun") + "'\nuntil [ -e '" + world.media("noticed") +
+                 "' ]; do sleep 0.02; done\nexit 9\n");
+  const KxDBTaskParam job = world.addJob(source, PROFILE_240P);
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(world.media("begun")); }));
+  // Somebody else notices that the cards are gone, the busy one too.
+  world.setCards({});
+  EXPECT_EQ(KxResMgr2::getInstance()->getResVec().size(), 1u);
+  writeFile(world.media("noticed"), "");
+  ASSERT_TRUE(world.waitForUnits());
+  const std::string reason = world.reason(job.id);
+  expectDone(world.row(job.id), reason);
+  EXPECT_NE(reason.find("the encoder ended with 9; gpu"), std::string::npos) << reason;
+  EXPECT_NE(reason.find(": cannot be used; done by sw_cpu"), std::string::npos) << reason;
+  EXPECT_TRUE(hasLine(5, "KxResMgr unRegister resource fail\n"));
+  EXPECT_TRUE(hasLine(5, "KxResMgr register resource fail\n"));
 }
 
 TEST_F(CardJob, WhyTheCardWasLeftIsKeptWhileTheJobGoesOn) {
@@ -715,12 +786,104 @@ TEST_F(RunningJob, AStopReachesTheSoundEncoderToo) {
   EXPECT_FALSE(fs::exists(world.media("Video2audio/film.mp3")));
 }
 
+TEST_F(RunningJob, AStopReachesTheRemuxToo) {
+  const std::string source = clip("film.mp4");
+  world.setEncoder("case \"$*\" in *-map_metadata*) touch '" + world.media("remuxes") +
+                   "'; exec sleep 600 ;; esac\nexec ffmpeg \"$@\"\n");
+  job = world.addJob(source, PROFILE_240P, [](KxDBTaskParam& row) { row.rotation = 90; });
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(world.media("remuxes")); }));
+  child = world.unit()->getPid();
+  expectEndWithinASecond([this] { world.stop(job.id); });
+  ASSERT_TRUE(world.waitForUnits());
+  expectWaiting(world.row(job.id));
+  EXPECT_FALSE(fs::exists(result("film.mp4.mobile240p.90.mp4")));
+}
+
+TEST_F(RunningJob, AStopReachesTheAgentAndWhatItStarted) {
+  world.setCards({"gpu0:maker:model:external:1"});
+  world.setAgent("trap '' TERM\nsleep 600 &\necho $! > '" + world.media("started") + "'\nwait\n");
+  begin();
+  ASSERT_TRUE(waitUntil([&] { return readFile(world.media("started")).ends_with("\n"); }));
+  const pid_t helper = atoi(readFile(world.media("started")).c_str());
+  expectEndWithinASecond([this] { world.stop(job.id); });
+  ASSERT_TRUE(world.waitForUnits());
+  expectWaiting(world.row(job.id));
+  EXPECT_TRUE(waitUntil([&] {
+    const std::string state = readFile("/proc/" + std::to_string(helper) + "/status");
+    return state.empty() || state.find("State:\tZ") != std::string::npos;
+  }));
+  EXPECT_FALSE(log.hasPart("keep trying"));
+}
+
+TEST_F(RunningJob, AStopActsWhileTheProgressIsAskedFor) {
+  const std::string asked = world.media("asked");
+  world.setParser("touch '" + asked + "'\nexec sleep 600\n");
+  begin();
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(asked); }));
+  expectEndWithinASecond([this] { world.stop(job.id); });
+  ASSERT_TRUE(world.waitForUnits());
+  expectWaiting(world.row(job.id));
+  EXPECT_THAT(childPrograms(), testing::IsEmpty());
+}
+
+TEST_F(RunningJob, AStopActsWhileTheCardsAreLookedFor) {
+  const std::string source = clip("film.mp4");
+  const std::string asked = world.media("asked");
+  const std::string tool = readFile(world.root().file("/sbin/accelctl"));
+  world.root().script("/sbin/accelctl", "touch '" + asked + "'\nexec sleep 600\n");
+  job = world.addJob(source, PROFILE_240P);
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(asked); }));
+  const auto begin = steady_clock::now();
+  world.stop(job.id);
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(1));
+  EXPECT_TRUE(waitUntil([] { return childPrograms().empty(); }, std::chrono::seconds(2)));
+  writeFile(world.root().file("/sbin/accelctl"), tool);
+  expectWaiting(world.row(job.id));
+}
+
+TEST_F(RunningJob, AStopActsWhileTheEncoderIsAskedWhatItCan) {
+  const std::string source = clip("film.mp4");
+  const std::string asked = world.media("asked");
+  world.root().script("/usr/local/medialibrary/bin/ffmpeg",
+                      "touch '" + asked + "'\nexec sleep 600\n");
+  job = world.addJob(source, PROFILE_240P);
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(asked); }));
+  const auto begin = steady_clock::now();
+  world.stop(job.id);
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(1));
+  expectWaiting(world.row(job.id));
+  EXPECT_THAT(childPrograms(), testing::IsEmpty());
+  // It was not taken at its word.
+  world.setEncoder("exec ffmpeg \"$@\"\n");
+  expectDone(world.runAgain(job));
+}
+
+TEST_F(RunningJob, AnOutcomeThatCannotBeWrittenIsLogged) {
+  begin();
+  KxTransDBMgr* store = KxTransDBMgr::getInstance();
+  store->mutexLock();
+  EXPECT_EQ(store->exec("ALTER TABLE JobTable RENAME TO Elsewhere"), 0);
+  store->mutexUnLock();
+  world.stop(job.id);
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_TRUE(hasLine(5, "update job dateStart fail\n"));
+  EXPECT_TRUE(hasLine(5, "updateDBJobDateFinish fail\n"));
+  EXPECT_TRUE(hasLine(5, "updateDBJobStatus fail\n"));
+}
+
 TEST_F(RunningJob, ASuspendedJobLeavesItsRowUntouchedAndIsResumed) {
   begin();
   const KxDBTaskParam before = world.row(job.id);
   expectEndWithinASecond([this] { world.pending(job); });
-  EXPECT_TRUE(
-      waitUntil([this] { return log.hasPart("KxTranscodeUnit status has been set as pending"); }));
+  EXPECT_TRUE(hasLine(
+      5, "KxTranscodeUnit status has been set as pending, in order to keep the DB record for UI "
+         "query, we do not update DB. The KxTranscodeUnit will be reinvoked when status set to "
+         "start.The KxTranscodeUnit will update DB when status set to stop.\n"));
   const KxDBTaskParam after = world.row(job.id);
   EXPECT_EQ(after.status, JOB_RUNNING);
   EXPECT_EQ(after.dateStart, before.dateStart);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <utime.h>
 
+#include <cerrno>
 #include <filesystem>
 
 #include "tests/support/TestSupport.h"
@@ -163,11 +164,31 @@ TEST_F(Placement, ResultsOfOtherRotationsMakeWayForACompleteOne) {
   EXPECT_EQ(fs::read_symlink(link()), "../../@Transcode/clip.mov.mobile240p.180.mp4");
 }
 
+TEST_F(Placement, ATemporaryFileThatCannotBeRemovedIsLogged) {
+  std::string path;
+  {
+    TemporaryFile file(temp, ".mp4");
+    path = file.path();
+    fs::create_directory(path);
+    EXPECT_NE(file.moveTo(visible, "there/is/no/such/folder"), 0);
+    EXPECT_TRUE(log.has("remove tmp file " + path + " fail:" + std::to_string(EISDIR) + "\n"));
+  }
+  EXPECT_TRUE(log.has(5, "KxTranscodeUnit2", "remove temp file " + path + " fail\n"));
+}
+
+TEST_F(Placement, ATimeThatCannotBeSetIsLogged) {
+  fs::remove(source.path());
+  EXPECT_EQ(put(placement()), "");
+  EXPECT_TRUE(log.has(2, "KxTranscodeUnit2",
+                      "set MTime " + source.path() + " <=> " + result() + " fail\n"));
+}
+
 TEST_F(Placement, AFolderInTheWayIsAnObstacle) {
   fs::create_directory(result());
   EXPECT_EQ(placement().obstacle(), result() + " is a folder");
   EXPECT_NE(put(placement()), "");
   EXPECT_TRUE(log.hasPart(" -> " + result() + " fail:" + std::to_string(EISDIR) + "\n"));
+  for (const auto& line : log.lines()) EXPECT_EQ(line.level, 2) << line.text;
   EXPECT_TRUE(tempIsEmpty());
 }
 

@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 
 #include "KxHostPlatform.h"
+#include "resources/ChildWatch.h"
 #include "tests/runner/RunnerWorld.h"
 
 namespace fs = std::filesystem;
@@ -89,6 +91,8 @@ TEST_F(PdfJob, EveryPageIsRenderedAndMadeKnown) {
   const std::string page = album + "my 100% paper-1.jpg";
   EXPECT_NE(text("catalog").find("createfile|" + page + "|\naddToPicAlbum|77:" + album + "|1|\n"),
             std::string::npos);
+  const std::string folders = "pdfDstPath=" + album + ", gsTmp=" + source + ".gstmp.";
+  EXPECT_TRUE(log.hasPart(folders));
   EXPECT_TRUE(log.has(source + " total pages: 3\n"));
   EXPECT_TRUE(log.has("curPage=1, unitProgress=33\n"));
   EXPECT_TRUE(log.has("update unit progress=100\n"));
@@ -193,7 +197,99 @@ TEST_F(PdfJob, AMissingRendererFailsTheJob) {
   const KxDBTaskParam row = world.run(makePdf("paper.pdf", 1), PROFILE_240P);
   EXPECT_EQ(row.status, JOB_ERROR);
   EXPECT_EQ(world.reason(row.id), "the renderer could not be started");
-  EXPECT_TRUE(log.has("fork error\n"));
+  EXPECT_TRUE(log.has(5, "KxTranscodeUnit2", "end of execvp - shouldn't come here\n"));
+}
+
+TEST_F(PdfJob, WithoutDescriptorsThereIsNoPipe) {
+  rlimit usual;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const rlimit none{0, usual.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const ChildProcess child = runner::startReadChild({"/bin/true"}, {});
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+  EXPECT_FALSE(child.valid());
+  EXPECT_TRUE(log.has(5, "KxTranscodeUnit2", "create pipe error\n"));
+}
+
+TEST_F(PdfJob, TheDocumentStaysRegisteredUntilItsPagesAreKnown) {
+  setRenderer(kWritePage);
+  const std::string asked = world.media("asked");
+  const std::string answer = world.media("answer");
+  world.root().script("/usr/local/medialibrary/bin/catalogcmd",
+                      "[ \"$1\" = createfile ] || exit 0\n"
+                      "touch '" +
+                          asked + "'\nuntil [ -e '" + answer + "' ]; do sleep 0.02; done\n");
+  const KxDBTaskParam job = world.addJob(makePdf("paper.pdf", 1), PROFILE_240P);
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(asked); }));
+  EXPECT_EQ(world.unit()->getReg().m_resId, "sw_cpu");
+  EXPECT_GT(world.unit()->getPid(), 0);
+  EXPECT_EQ(world.registrations(), 1u);
+  writeFile(answer, "");
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_EQ(world.row(job.id).status, JOB_DONE) << world.reason(job.id);
+  EXPECT_EQ(world.registrations(), 0u);
+}
+
+TEST_F(PdfJob, ALibraryThatDoesNotAnswerDoesNotKeepTheDocument) {
+  world.configure("STALL_SEC=1\n");
+  setRenderer(kWritePage);
+  const std::string calls = world.media("calls");
+  world.root().script("/usr/local/medialibrary/bin/catalogcmd",
+                      "[ \"$1\" = TranscodeStatus ] && exit 0\n"
+                      "echo \"$2\" >> '" +
+                          calls + "'\ncase $2 in *-2.jpg) exec sleep 600 ;; esac\n");
+  const std::string source = makePdf("paper.pdf", 3);
+  const KxDBTaskParam row = world.run(source, PROFILE_240P);
+  EXPECT_EQ(row.status, JOB_DONE);
+  EXPECT_EQ(world.reason(row.id), "the media library does not answer, it knows the pages before 2");
+  EXPECT_EQ(text("calls"), source + ".album/paper-1.jpg\n" + source + ".album/paper-2.jpg\n");
+  EXPECT_TRUE(fs::exists(source + ".album/paper-3.jpg"));
+  EXPECT_THAT(childPrograms(), testing::IsEmpty());
+}
+
+TEST_F(PdfJob, AnAlbumThatIsGoneHasNoMount) {
+  setRenderer(kWritePage);
+  const std::string source = makePdf("paper.pdf", 1);
+  world.root().script("/usr/local/medialibrary/bin/catalogcmd",
+                      "[ \"$1\" = createfile ] && rm -r '" + source + ".album' && echo 5\n");
+  world.run(source, PROFILE_240P);
+  EXPECT_TRUE(log.has(5, "KxTranscodeUnit2", "can not get mount path\n"));
+}
+
+TEST_F(PdfJob, ARendererThatHangsFailsTheJobInTheEnd) {
+  world.configure("STALL_SEC=1\n");
+  // The second one goes on without an output.
+  for (const char* hang : {"exec sleep 600", "exec sleep 600 >&-"}) {
+    setRenderer(hang);
+    const std::string source = makePdf("paper.pdf", 2);
+    const KxDBTaskParam row = world.run(source, PROFILE_240P);
+    EXPECT_EQ(row.status, JOB_ERROR);
+    EXPECT_EQ(world.reason(row.id), "the renderer made no progress");
+    EXPECT_FALSE(fs::exists(source + ".album"));
+  }
+}
+
+TEST_F(PdfJob, AStopReachesARendererWithoutAnOutput) {
+  setRenderer("touch '" + world.media("silent") + "'; exec sleep 600 >&-");
+  const KxDBTaskParam job = world.addJob(makePdf("paper.pdf", 1), PROFILE_240P);
+  world.start(job);
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(world.media("silent")); }));
+  const auto asked = std::chrono::steady_clock::now();
+  world.stop(job.id);
+  ASSERT_TRUE(world.waitForUnits());
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
+  EXPECT_EQ(world.row(job.id).status, JOB_WAITING);
+}
+
+TEST_F(PdfJob, AnAlbumThatWasThereKeepsItsWholePagesOnly) {
+  setRenderer(kWritePage);
+  const std::string source = makePdf("paper.pdf", 2);
+  ASSERT_EQ(world.run(source, PROFILE_240P).status, JOB_DONE);
+  setRenderer("[ $i = 1 ] || { printf half > \"$f\"; exit 1; }");
+  EXPECT_EQ(world.run(source, PROFILE_240P).status, JOB_ERROR);
+  EXPECT_TRUE(fs::exists(source + ".album/paper-1.jpg"));
+  EXPECT_FALSE(fs::exists(source + ".album/paper-2.jpg"));
 }
 
 TEST_F(PdfJob, WithoutAnyResourceTheJobFails) {
@@ -202,6 +298,7 @@ TEST_F(PdfJob, WithoutAnyResourceTheJobFails) {
   const KxDBTaskParam row = world.run(source, PROFILE_240P);
   EXPECT_EQ(row.status, JOB_ERROR);
   EXPECT_TRUE(log.has(5, "KxTranscodeUnit2", "resource vector is empty\n"));
+  EXPECT_TRUE(log.has(5, "KxTranscodeUnit2", "priority resource vector is empty\n"));
   EXPECT_TRUE(log.has("can not find appropriate cpu resource for PDF transcode\n"));
 }
 
@@ -227,6 +324,7 @@ TEST_F(PdfJob, AStopKillsTheRendererAndNoPageIsMadeKnown) {
   EXPECT_TRUE(log.has("someone stop the transcode unit, so we need to kill pid " +
                       std::to_string(child) + "\n"));
   EXPECT_TRUE(log.has("child exit by receive signal, signal=15\n"));
+  EXPECT_FALSE(log.has("status != 0, update db status as ERROR\n"));
   EXPECT_EQ(world.row(job.id).status, JOB_WAITING);
   EXPECT_EQ(text("catalog").find("createfile"), std::string::npos);
   EXPECT_FALSE(fs::exists(source + ".album"));
@@ -267,11 +365,14 @@ TEST_F(PdfJob, AStopWhilePagesAreMadeKnownActsAtOnce) {
   ASSERT_TRUE(world.waitForUnits());
   EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
   EXPECT_EQ(world.row(job.id).status, JOB_WAITING);
+  EXPECT_TRUE(log.has(5, "KxTranscodeUnit2",
+                      "someone stop the transcode unit, so we stop updating the media database\n"));
 }
 
 TEST_F(PdfJob, HostileNamesAreOnlyNames) {
   if (!useInstalledRenderer()) GTEST_SKIP() << "no renderer is installed";
-  for (const char* base : {"-dNOSAFER", "@arguments", "100%", "%d %03d", "a|b", "(x)\\", "-"}) {
+  for (const char* base : {"-dNOSAFER", "@arguments", "100%", "%d %03d", "a|b", "(x)\\", "-",
+                           "two\nlines", "it's \"q\" $(x)", "\xc3\xbc \xe6\xb8\xac"}) {
     SCOPED_TRACE(base);
     const std::string source = makePdf(std::string(base) + ".pdf", 2);
     const KxDBTaskParam row = world.run(source, PROFILE_240P);
@@ -280,6 +381,9 @@ TEST_F(PdfJob, HostileNamesAreOnlyNames) {
     for (const char* page : {"-1.jpg", "-2.jpg"})
       EXPECT_TRUE(fs::exists((album / base) += page)) << page;
   }
+  makePdf("no utf-8 \xff\xe4.pdf", 1);
+  EXPECT_EQ(world.reason(world.run(world.media("no utf-8 \xff\xe4.pdf"), PROFILE_240P).id),
+            "the renderer only finds documents whose names are UTF-8");
   // The renderer opens nothing that could be a command.
   makePdf("%pipe%touch hacked.pdf", 1);
   const KxDBTaskParam row = world.run(world.media("%pipe%touch hacked.pdf"), PROFILE_240P);

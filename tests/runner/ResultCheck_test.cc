@@ -1,9 +1,12 @@
 #include "resources/ResultCheck.h"
 
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 
 #include <filesystem>
 
+#include "frame/StopSignal.h"
+#include "frame/UniqueFd.h"
 #include "resources/ContainerShape.h"
 #include "tests/support/TestSupport.h"
 
@@ -157,6 +160,14 @@ TEST_F(ResultCheck, OfSeveralTracksTheChosenOneCounts) {
   EXPECT_NE(faultOf(six, source, {0, -1}), "");
   EXPECT_EQ(faultOf(six, source, {1, -1}), "");
   EXPECT_NE(faultOf(two, source, {1, -1}), "");
+}
+
+TEST_F(ResultCheck, NothingIsReadWhenTheRunHasToEnd) {
+  const std::string source = clip("a.mp4", 1);
+  const SourceFacts facts = probedFacts(source);
+  const UniqueFd end(eventfd(1, EFD_CLOEXEC));
+  const StopSignal stop(end.get());
+  EXPECT_EQ(resultFault(source, facts, {0, 0}, always), "the result cannot be opened");
 }
 
 TEST_F(ResultCheck, CountingTheSourceStopsWhenTheRunHasToEnd) {

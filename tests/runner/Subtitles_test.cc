@@ -297,6 +297,8 @@ TEST_F(Subtitles, ATrackOfPicturesIsRefusedAndTheReasonSaysSo) {
     EXPECT_EQ(world.reason(row.id), "mobile240p: subpull: subtitle track 0 of " +
                                         world.media("film.mkv") +
                                         " is stored as pictures and holds no text");
+    EXPECT_TRUE(log.has(2, "KxTranscodeUnit2",
+                        "transcoder for " + world.media("film.mkv") + " init fail\n"));
     EXPECT_TRUE(world.leftovers().empty());
   }
 }
