@@ -598,7 +598,7 @@ TEST_F(CardJob, EveryReasonIsKeptWhenAllResourcesFail) {
 TEST_F(CardJob, SoundOfAPhoneIsMadeWholeOnTheCpu) {
   const std::string source = world.media("phone.mkv");
   ASSERT_TRUE(kxtest::makePhoneClip(source, 4));
-  world.setEncoder("exec '" KX_BUILD_DIR "/tools/ffmpeg' \"$@\"\n");
+  world.useFrontEnd();
   expectDone(world.run(source, PROFILE_240P | PROFILE_360P | PROFILE_AUDIO),
              "gpu0: only the CPU's encoder reads the sound of this source; done by sw_cpu");
   for (const char* name : {"@Transcode/phone.mkv.mobile240p.mp4",

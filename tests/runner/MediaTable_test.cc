@@ -106,6 +106,7 @@ uint64_t profilesFor(const MediaFile& file) {
 void expectGoodResults(const MediaFile& file) {
   SCOPED_TRACE(file.path);
   RunnerWorld world;
+  world.useFrontEnd();
   RecordingLog log;
   const KxDBTaskParam row = world.run(copyIn(world, file), profilesFor(file));
   EXPECT_TRUE(world.leftovers().empty());
@@ -163,6 +164,7 @@ TEST(BrokenFiles, EndInAnErrorWithAReasonUnlessAllOfTheVideoIsThere) {
   for (const MediaFile& file : files) {
     SCOPED_TRACE(file.path);
     RunnerWorld world;
+    world.useFrontEnd();
     RecordingLog log;
     const KxDBTaskParam row = world.run(copyIn(world, file), PROFILE_240P);
     EXPECT_TRUE(world.leftovers().empty());

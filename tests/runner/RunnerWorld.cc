@@ -111,6 +111,10 @@ void RunnerWorld::setEncoder(const std::string& body) {
                 "case \"$*\" in *-encoders*) exec ffmpeg \"$@\" ;; esac\n" + body);
 }
 
+void RunnerWorld::useFrontEnd() {
+  setEncoder("exec '" KX_BUILD_DIR "/tools/ffmpeg' \"$@\"\n");
+}
+
 void RunnerWorld::setAgent(const std::string& body) {
   m_root.script("/usr/local/medialibrary/bin/transcode_agent", body);
 }

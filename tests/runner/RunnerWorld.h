@@ -43,6 +43,8 @@ class RunnerWorld {
   std::string cgroupFile(const std::string& name) const;
   // The encoder's program; the text is the body of a shell script.
   void setEncoder(const std::string& body);
+  // The service's front-end in place of the installed ffmpeg.
+  void useFrontEnd();
   void setAgent(const std::string& body);
   void setParser(const std::string& body);
   // Lines of the accelerator tool for its card list, all of them usable.

@@ -100,7 +100,7 @@ const std::vector<Kind> kKinds = {
 class SegmentsEqual : public testing::TestWithParam<Kind> {
  protected:
   SegmentsEqual() {
-    world.setEncoder("exec '" KX_BUILD_DIR "/tools/ffmpeg' \"$@\"\n");
+    world.useFrontEnd();
     world.setParser("exec sh '" KX_SOURCE_DIR "/tools/xlogparse.sh' \"$@\"\n");
   }
 

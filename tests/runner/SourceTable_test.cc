@@ -81,6 +81,7 @@ TEST(RealSounds, GiveAPlayableResultOrAReason) {
   for (const std::string& file : files) {
     SCOPED_TRACE(file);
     RunnerWorld world;
+    world.useFrontEnd();
     RecordingLog log;
     const KxDBTaskParam row = world.run(copyIn(world, file), PROFILE_AUDIO);
     EXPECT_TRUE(world.leftovers().empty());
@@ -102,6 +103,7 @@ TEST(RealSounds, GiveAPlayableResultOrAReason) {
 
 TEST(Sounds, KeepTheirTags) {
   RunnerWorld world;
+  world.useFrontEnd();
   RecordingLog log;
   for (const std::string name : {"song.flac", "song.ogg", "song.opus", "song.m4a", "song.wma",
                                  "song.mka", "song.wav", "song.aiff"}) {
@@ -121,6 +123,7 @@ TEST(Sounds, KeepTheirTags) {
 
 TEST(Sounds, KeepTheirCoverArt) {
   RunnerWorld world;
+  world.useFrontEnd();
   RecordingLog log;
   for (const std::string picture : {"cover.jpg", "cover.png"}) {
     ASSERT_TRUE(run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=red:s=64x48", "-frames:v",
@@ -145,6 +148,7 @@ TEST(Sounds, KeepTheirCoverArt) {
 
 TEST(Sounds, AreTakenFromTheTrackThatIsAskedFor) {
   RunnerWorld world;
+  world.useFrontEnd();
   RecordingLog log;
   ASSERT_TRUE(run({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "sine=d=1", "-f", "lavfi", "-i",
                    "sine=d=4", "-map", "0", "-map", "1", world.media("two.mka")}));
@@ -169,6 +173,7 @@ TEST(RealDocuments, GiveAPictureOfEveryPageOrAReason) {
   for (const std::string& file : files) {
     SCOPED_TRACE(file);
     RunnerWorld world;
+    world.useFrontEnd();
     RecordingLog log;
     makeRenderer(world);
     const std::string source = copyIn(world, file);
