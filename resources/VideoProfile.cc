@@ -104,9 +104,14 @@ std::string VideoProfile::obstacle() const {
 
 bool VideoProfile::isInPlace() {
   m_placement.noteStaleRotations();
-  return m_placement.reuse(m_video.source.stamp, [this](const std::string& path) {
+  const bool isThere = m_placement.reuse(m_video.source.stamp, [this](const std::string& path) {
     return faultOfResult(m_video.run, m_video.source, m_video.expected, path).empty();
   });
+  const KxDBTaskParam& job = m_video.run.job();
+  // Its name and time do not tell what was drawn into it.
+  if (isThere && (!job.subtitle.empty() || job.sid >= 0))
+    m_video.run.remark(m_config.name + " was there already, with or without this subtitle");
+  return isThere;
 }
 
 std::string VideoProfile::open() {

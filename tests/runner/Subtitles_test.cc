@@ -242,6 +242,19 @@ TEST_F(Subtitles, AnExtractedTrackServesAgainUntilTheVideoIsReplaced) {
 }
 
 // The shipped agent, with an encoder that needs no card.
+TEST_F(Subtitles, AResultThatIsThereAlreadyIsToldApart) {
+  writeFile(world.media("other.srt"), srt("x"));
+  const KxDBTaskParam plain = world.run(world.media("film.mp4"), PROFILE_240P);
+  EXPECT_EQ(world.reason(plain.id), "");
+  const KxDBTaskParam again = world.runAgain(plain);
+  EXPECT_EQ(world.reason(again.id), "");
+  const KxDBTaskParam other =
+      world.run(world.media("film.mp4"), PROFILE_240P,
+                [this](KxDBTaskParam& job) { job.subtitle = world.media("other.srt"); });
+  EXPECT_EQ(other.status, JOB_DONE);
+  EXPECT_EQ(world.reason(other.id), "mobile240p was there already, with or without this subtitle");
+}
+
 TEST_F(Subtitles, ACardDrawsFilesAndTracksToo) {
   world.setCards({"gpu0:maker:model:external:1"});
   fs::copy_file(std::string(KX_BUILD_DIR) + "/tools/transcode_agent",
