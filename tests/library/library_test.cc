@@ -34,8 +34,10 @@ const std::map<std::string, std::set<std::string>> kBelow = {
     {"engines", {"frame", "probe"}},
     {"resources", {"frame", "probe", "jobstore", "engines"}},
     {"watch", {"frame", "jobstore"}},
-    {"host", {"frame"}},
+    {"host", {"frame", "probe"}},
     {"tools", {"frame", "engines", "probe", "host"}},
+    {"daemon", {"frame", "engines", "host"}},
+    {"cli", {}},
 };
 
 }  // namespace
