@@ -43,6 +43,16 @@ class Discs : public testing::Test {
     return dvd;
   }
 
+  // One part whose time stamps begin anew in the middle, as where scenes were joined.
+  DvdFolder makeDvdOfTwoTimes(const std::string& name) const {
+    DvdFolder dvd(world.media(name));
+    dvd.addTitleSet(1, {"red"}, 3);
+    makeVob(world.media("next.vob"), 2, "green");
+    writeFile(dvd.part(1, 1), readFile(dvd.part(1, 1)) + readFile(world.media("next.vob")));
+    dvd.writeTable(1);
+    return dvd;
+  }
+
   BluRayFolder makeBluRay(const std::string& name) const {
     BluRayFolder disc(world.media(name));
     disc.addStream("00000", 0.5, "blue");
@@ -123,11 +133,7 @@ TEST_F(Discs, TheIndexOfADvdStandsForTheDisc) {
 }
 
 TEST_F(Discs, ADvdTitleMayBeginItsTimeAnewInTheMiddleOfAPart) {
-  const DvdFolder dvd(world.media("Film"));
-  dvd.addTitleSet(1, {"red"}, 3);
-  makeVob(world.media("next.vob"), 2, "green");
-  writeFile(dvd.part(1, 1), readFile(dvd.part(1, 1)) + readFile(world.media("next.vob")));
-  dvd.writeTable(1);
+  const DvdFolder dvd = makeDvdOfTwoTimes("Film");
   const KxDBTaskParam row = world.run(dvd.top(), PROFILE_240P);
   expectMainTitle(row, 5);
   EXPECT_EQ(colourAt(kxJobOutputs(row)[0].path, 4), "green");
@@ -270,11 +276,7 @@ TEST_F(DiscsOnACard, ADvdFolderIsDoneByTheCard) {
 }
 
 TEST_F(DiscsOnACard, ADvdTitleThatBeginsItsTimeAnewIsDoneByTheCard) {
-  const DvdFolder dvd(world.media("Film"));
-  dvd.addTitleSet(1, {"red"}, 3);
-  makeVob(world.media("next.vob"), 2, "green");
-  writeFile(dvd.part(1, 1), readFile(dvd.part(1, 1)) + readFile(world.media("next.vob")));
-  dvd.writeTable(1);
+  const DvdFolder dvd = makeDvdOfTwoTimes("Film");
   const KxDBTaskParam row = world.run(dvd.top(), PROFILE_240P);
   expectMainTitle(row, 5);
   expectDoneByTheCard(row);

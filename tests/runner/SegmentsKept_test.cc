@@ -22,6 +22,16 @@ class SegmentsKept : public SegmentsTest {
     EXPECT_EQ(world.registrations(), 0u);
     EXPECT_EQ(world.leftovers(), checkpoints());
   }
+
+  // A job that was stopped with some pieces made; encoders work as ever from here on.
+  KxDBTaskParam stoppedHalfway() {
+    const KxDBTaskParam job = startAndGetStuck(film("film.mp4"));
+    world.stop(job.id);
+    EXPECT_TRUE(world.waitForUnits());
+    forgetCommands();
+    encoderAfter("");
+    return world.row(job.id);
+  }
 };
 
 TEST_F(SegmentsKept, AStopEndsAllChildrenAtOnceAndTheNextRunDoesWhatIsMissing) {
@@ -162,12 +172,7 @@ TEST_F(SegmentsKept, ASoundThatAPowerCutDamagedIsMadeAgain) {
 }
 
 TEST_F(SegmentsKept, AProfileThatIsAddedLeavesThePiecesOfTheOthers) {
-  const KxDBTaskParam job = startAndGetStuck(film("film.mp4"));
-  world.stop(job.id);
-  ASSERT_TRUE(world.waitForUnits());
-  forgetCommands();
-  encoderAfter("");
-  KxDBTaskParam row = world.row(job.id);
+  KxDBTaskParam row = stoppedHalfway();
   row.jobFlag |= PROFILE_240P;
   expectDone(world.runAgain(row));
   EXPECT_EQ(commands("/original/").size(), kPieces - 5);
@@ -176,12 +181,7 @@ TEST_F(SegmentsKept, AProfileThatIsAddedLeavesThePiecesOfTheOthers) {
 }
 
 TEST_F(SegmentsKept, OtherParametersOfAProfileMakeAllItsPiecesAgain) {
-  const KxDBTaskParam job = startAndGetStuck(film("film.mp4"));
-  world.stop(job.id);
-  ASSERT_TRUE(world.waitForUnits());
-  forgetCommands();
-  encoderAfter("");
-  KxDBTaskParam row = world.row(job.id);
+  KxDBTaskParam row = stoppedHalfway();
   row.rotation = 180;
   expectDone(world.runAgain(row));
   EXPECT_EQ(pieceEncoders(), kPieces);
